@@ -1,0 +1,27 @@
+#pragma once
+
+#include <v8.h>
+
+namespace vnjs {
+
+/// JSON_stringify for one environment, with everything made ready that can be: hosts ask for the JSON of
+/// every result.
+///
+/// Threads:  under the isolate's lock.
+class JsonStringifier {
+ public:
+  /// Remembers the engine's own `JSON.stringify`. Inside the context, before any script runs in it.
+  void Prepare(v8::Local<v8::Context> context);
+
+  /// The same result as JSON_stringify's. As long as the script has left `JSON.stringify` alone, without
+  /// calling it.
+  v8::Local<v8::Value> Stringify(v8::Local<v8::Context> context, v8::Local<v8::Value> value) const;
+  void Clear();
+
+ private:
+  v8::Global<v8::String> m_json;
+  v8::Global<v8::String> m_stringify;
+  v8::Global<v8::Value> m_original;
+};
+
+}  // namespace vnjs

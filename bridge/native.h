@@ -1,0 +1,78 @@
+#pragma once
+
+#include <v8.h>
+#include <vnjs/environment.h>
+#include <vnjs/error.h>
+#include <vnjs/value.h>
+
+#include <new>
+#include <string>
+
+namespace vnjs {
+
+/// The environment of an isolate, or null: a host's own isolate, or one whose environment has ended.
+inline Environment* GetEnvironment(v8::Isolate* isolate) {
+  return static_cast<Environment*>(isolate->GetData(0));
+}
+
+using NativeCallback = void (*)(const v8::FunctionCallbackInfo<v8::Value>&);
+
+/// The guard around every native that scripts call: `Native<&Core::Exit>`.
+///
+/// The engine's frames cannot be unwound, so no native exception may pass: each becomes a script `Error` with
+/// its message. Without an environment the native does nothing and returns undefined; inside, GetEnvironment
+/// is never null.
+template <NativeCallback native>
+void Native(const v8::FunctionCallbackInfo<v8::Value>& info) {
+  v8::Isolate* const isolate = info.GetIsolate();
+  if (GetEnvironment(isolate) == nullptr) return;
+  try {
+    native(info);
+  } catch (const VornException& e) {
+    ThrowException(isolate, e.msg());
+  } catch (const std::bad_alloc&) {
+    ThrowException(isolate, GetVornError(-2));
+  } catch (const std::exception& e) {
+    ThrowException(isolate, e.what());
+  }
+}
+
+/// One line of an extension's table of natives.
+struct NativeEntry {
+  enum Kind { kFunction, kConstructor };
+
+  const char* name;
+  NativeCallback callback;
+  Kind kind = kFunction;
+
+  /// What the native finds as its callback data.
+  bool data = false;
+};
+
+/// The template of the native called `name`, or an empty handle. Only constructors have a `prototype`.
+template <size_t size>
+v8::Local<v8::FunctionTemplate> FindNative(v8::Isolate* isolate, const NativeEntry (&table)[size],
+                                           const std::string& name) {
+  for (const NativeEntry& entry : table) {
+    if (name != entry.name) continue;
+    v8::Local<v8::FunctionTemplate> result =
+        v8::FunctionTemplate::New(isolate, entry.callback, v8::Boolean::New(isolate, entry.data));
+    if (entry.kind == NativeEntry::kFunction) result->RemovePrototype();
+    return result;
+  }
+  return {};
+}
+
+/// A script string; an empty handle, with a RangeError pending, when the engine cannot hold a string of that
+/// size.
+v8::MaybeLocal<v8::String> NewString(v8::Isolate* isolate, const std::string& text);
+
+/// The same for names and messages of our own, which are short.
+v8::Local<v8::String> NewName(v8::Isolate* isolate, const char* text);
+
+/// Adds a data property to an object that a native has just made. False, with something pending, when the
+/// script is being terminated.
+bool SetProperty(v8::Local<v8::Context> context, v8::Local<v8::Object> object, const char* name,
+                 v8::Local<v8::Value> value);
+
+}  // namespace vnjs

@@ -1,0 +1,121 @@
+#include <vnjs/host.h>
+#include <vnjs/value.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "bridge/native.h"
+
+namespace vnjs {
+
+NativeString::NativeString(v8::Local<v8::Value> value) {
+  const std::string text = GetString(value);
+  if (!text.empty()) m_str = static_cast<char*>(_vassert(strdup(text.c_str()), "strdup"));
+}
+
+NativeString::NativeString(const NativeString& other) { *this = other; }
+
+NativeString::~NativeString() { free(m_str); }
+
+NativeString& NativeString::operator=(const NativeString& other) {
+  if (this == &other) return *this;
+  free(m_str);
+  m_str = other.m_str == nullptr ? nullptr : static_cast<char*>(_vassert(strdup(other.m_str), "strdup"));
+  return *this;
+}
+
+size_t NativeString::length() const { return m_str == nullptr ? 0 : strlen(m_str); }
+
+namespace {
+
+/// Reads a string of plain characters in one copy, up to its first NUL. False for every other string.
+bool ReadAscii(v8::Isolate* isolate, v8::Local<v8::String> text, std::string* result) {
+  if (!text->IsOneByte()) return false;
+  result->resize(static_cast<size_t>(text->Length()));
+  text->WriteOneByte(isolate, reinterpret_cast<uint8_t*>(result->data()), 0, text->Length(),
+                     v8::String::NO_NULL_TERMINATION);
+  unsigned char all = 0;
+  for (const char c : *result) all |= static_cast<unsigned char>(c);
+  if (all >= 0x80) return false;
+  const size_t end = result->find('\0');
+  if (end != std::string::npos) result->resize(end);
+  return true;
+}
+
+}  // namespace
+
+std::string GetString(v8::Local<v8::Value> value) {
+  if (value.IsEmpty() || value->IsNullOrUndefined()) return {};
+  v8::Isolate* const isolate = v8::Isolate::GetCurrent();
+  std::string ascii;
+  if (value->IsString() && ReadAscii(isolate, value.As<v8::String>(), &ascii)) return ascii;
+  // Catches what the conversion throws, a script's own toString included.
+  const v8::String::Utf8Value text(isolate, value);
+  if (text.length() == 0) return {};
+  return *text;
+}
+
+bool GetBoolean(v8::Local<v8::Value> value, bool defaultValue) {
+  if (value.IsEmpty() || value->IsNullOrUndefined()) return defaultValue;
+  v8::Isolate* const isolate = v8::Isolate::GetCurrent();
+  if (value->IsBoolean() || value->IsBooleanObject()) return value->BooleanValue(isolate);
+  if (value->IsNumber() || value->IsNumberObject()) {
+    const v8::TryCatch caught(isolate);
+    double number = 0;
+    if (!value->NumberValue(isolate->GetCurrentContext()).To(&number)) return defaultValue;
+    return number != 0.0;
+  }
+  return defaultValue;
+}
+
+v8::Local<v8::Value> GetRealValue(v8::Isolate* isolate, v8::Local<v8::Object> object,
+                                  v8::Local<v8::String> property) {
+  if (object.IsEmpty() || object->IsNullOrUndefined()) {
+    return ThrowException(isolate, "Invalid object argument to GetRealValue");
+  }
+  if (property.IsEmpty() || property->IsNullOrUndefined()) {
+    return ThrowException(isolate, "Invalid prop argument to GetRealValue");
+  }
+  const v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  v8::Local<v8::Value> value;
+  const v8::Local<v8::Value> prototype = object->GetPrototype();
+  if (!prototype.IsEmpty() && prototype->IsObject()) {
+    if (!prototype.As<v8::Object>()->Get(context, property).ToLocal(&value)) return {};
+    if (!value->IsUndefined()) return value;
+  }
+  if (!object->HasRealNamedProperty(context, property).FromMaybe(false)) return {};
+  return object->GetRealNamedProperty(context, property).FromMaybe(v8::Local<v8::Value>());
+}
+
+v8::Local<v8::Value> ThrowException(v8::Isolate* isolate, const char* message) {
+  // An exception in its place would let the script catch its own termination and go on.
+  if (isolate->IsExecutionTerminating()) return v8::Undefined(isolate);
+  return isolate->ThrowException(v8::Exception::Error(NewName(isolate, message)));
+}
+
+v8::Local<v8::Value> ThrowException(v8::Isolate* isolate, const std::string& message) {
+  return ThrowException(isolate, message.c_str());
+}
+
+v8::MaybeLocal<v8::String> NewString(v8::Isolate* isolate, const std::string& text) {
+  v8::Local<v8::String> result;
+  if (text.size() > static_cast<size_t>(v8::String::kMaxLength) ||
+      !v8::String::NewFromUtf8(isolate, text.data(), v8::NewStringType::kNormal,
+                               static_cast<int>(text.size()))
+           .ToLocal(&result)) {
+    isolate->ThrowException(v8::Exception::RangeError(NewName(isolate, "Text is too long for a string")));
+    return {};
+  }
+  return result;
+}
+
+v8::Local<v8::String> NewName(v8::Isolate* isolate, const char* text) {
+  return v8::String::NewFromUtf8(isolate, text).FromMaybe(v8::String::Empty(isolate));
+}
+
+bool SetProperty(v8::Local<v8::Context> context, v8::Local<v8::Object> object, const char* name,
+                 v8::Local<v8::Value> value) {
+  return object->CreateDataProperty(context, NewName(context->GetIsolate(), name), value).FromMaybe(false);
+}
+
+}  // namespace vnjs

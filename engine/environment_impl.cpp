@@ -1,0 +1,222 @@
+#include "engine/environment_impl.h"
+
+#include <libplatform/libplatform.h>
+#include <unistd.h>
+#include <vnjs/error.h>
+#include <vnjs/value.h>
+
+#include <utility>
+
+#include "bridge/native.h"
+#include "engine/array_buffer_allocator.h"
+#include "engine/start.h"
+
+namespace vnjs {
+
+EnvironmentImpl::EnvironmentImpl(const char* storageDir, bool useCurrentIsolate)
+    : m_storageDir(storageDir == nullptr ? "" : storageDir) {
+  if (m_storageDir.empty() || m_storageDir.back() != '/') m_storageDir += '/';
+  StartEngine();
+  CreateIsolate(useCurrentIsolate);
+  CreateContext();
+}
+
+void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate) {
+  v8::Isolate* const current = useCurrentIsolate ? v8::Isolate::TryGetCurrent() : nullptr;
+  // An isolate has room for one environment.
+  m_useCurrentIsolate = current != nullptr && GetEnvironment(current) == nullptr;
+  if (m_useCurrentIsolate) {
+    m_isolate = current;
+  } else {
+    v8::Isolate::CreateParams params;
+    params.array_buffer_allocator_shared = ABMallocAllocator::Shared();
+    m_isolate = v8::Isolate::New(params);
+  }
+  m_droppedHandles = std::make_shared<DroppedHandles>(m_isolate);
+  m_isolate->SetData(0, static_cast<Environment*>(this));
+}
+
+void EnvironmentImpl::CreateContext() {
+  bool created = false;
+  {
+    const ScriptScope scope(m_isolate, m_context);
+    m_isolate->SetPromiseRejectCallback(Rejections::OnReject);
+    // The extensions' sources run here, and their natives with them: until it returns there is no m_context.
+    const v8::Local<v8::Context> context = v8::Context::New(m_isolate);
+    if (!context.IsEmpty()) {
+      const v8::Context::Scope contextScope(context);
+      m_context.Reset(m_isolate, context);
+      m_json.Prepare(context);
+      // Where evalPath starts.
+      created =
+          context->Global()
+              ->DefineOwnProperty(context, NewName(m_isolate, "global"), context->Global(), v8::DontEnum)
+              .FromMaybe(false);
+    }
+  }
+  if (created) return;
+  ReleaseScriptState();
+  throw VornException("Cannot create script context");
+}
+
+EnvironmentImpl::~EnvironmentImpl() {
+  // 1. From here on callbacks, threads and variables are refused, and callers that wait for the worker give
+  // up.
+  m_terminating = true;
+  m_ending = true;
+
+  // 2. The worker ends at its next test. Afterwards only callers inside Run or ProcessPendingCallbacks and
+  // the
+  //    named threads can still touch this object.
+  StopThread();
+  JoinWorker();
+  while (m_callers > 0) usleep(1000);
+
+  // 3. Named threads poll their flag. They are joined outside the lock, which they may be waiting for;
+  // requests
+  //    for new ones are refused, so the table stays empty.
+  std::map<std::string, VRefCountedPointer<Thread>> threads;
+  {
+    const ThreadLock threadLock(this);
+    threads.swap(m_threads);
+  }
+  for (auto& [name, thread] : threads) thread->SetTerminating();
+  for (auto& [name, thread] : threads) {
+    try {
+      thread->Join();
+    } catch (const VornException& e) {
+      Log(3, e.msg() + ": " + name, nullptr);
+    }
+  }
+  threads.clear();
+
+  // 4. and 5. With no other thread left, the script state goes, and the isolate with it.
+  ReleaseScriptState();
+
+  // 6. Last, because any step may have logged.
+  if (m_logger != nullptr) vlog_close(m_logger);
+}
+
+void EnvironmentImpl::ReleaseScriptState() {
+  {
+    const ScriptScope scope(m_isolate, m_context);
+    std::vector<VRefCountedPointer<CallbackBase>> callbacks;
+    {
+      const CallbackLock callbackLock(this);
+      callbacks.swap(m_callbacks);
+    }
+    callbacks.clear();
+    {
+      const QueueLock queueLock(this);
+      m_pendingCode.clear();
+      m_results.clear();
+      m_waiting.clear();
+    }
+    std::map<std::string, VRefCountedPointer<EnvironmentVariable>> variables;
+    {
+      const VariablesLock variablesLock(this);
+      variables.swap(m_variables);
+    }
+    variables.clear();
+    m_scripts.Clear();
+    m_json.Clear();
+    m_rejections.Clear();
+    m_isolate->SetPromiseRejectCallback(nullptr);
+
+    // Finalizers of what the script has dropped still find the environment in its slot.
+    m_isolate->LowMemoryNotification();
+    m_context.Reset();
+    m_isolate->SetData(0, nullptr);
+
+    // SafeValues that somebody still holds do nothing from now on.
+    m_droppedHandles->Close();
+  }
+  if (!m_useCurrentIsolate) {
+    if (OwnsEnginePlatform()) v8::platform::NotifyIsolateShutdown(EnginePlatform(), m_isolate);
+    m_isolate->Dispose();
+  }
+  m_isolate = nullptr;
+}
+
+_VNLog* EnvironmentImpl::GetLogger() {
+  {
+    const QueueLock queueLock(this);
+    if (m_logger != nullptr) return m_logger;
+  }
+  _VNLog* const created = vlog_create(stderr, 1);
+  _VNLog* kept = nullptr;
+  {
+    const QueueLock queueLock(this);
+    if (m_logger == nullptr) m_logger = created;
+    kept = m_logger;
+  }
+  // Another thread was faster.
+  if (kept != created) vlog_close(created);
+  return kept;
+}
+
+void EnvironmentImpl::SetLogger(_VNLog* logger) {
+  _VNLog* old = nullptr;
+  {
+    const QueueLock queueLock(this);
+    old = std::exchange(m_logger, logger);
+  }
+  if (old != nullptr && old != logger) vlog_close(old);
+}
+
+v8::Local<v8::Context> EnvironmentImpl::GetContext() const { return m_context.Get(m_isolate); }
+
+v8::Local<v8::Object> EnvironmentImpl::GetGlobal() const {
+  const v8::Local<v8::Context> context = GetContext();
+  return context.IsEmpty() ? v8::Local<v8::Object>() : context->Global();
+}
+
+VRefCountedPointer<EnvironmentVariable> EnvironmentImpl::GetVariable(std::string name) {
+  const VariablesLock variablesLock(this);
+  if (m_terminating) return {};
+  const auto found = m_variables.find(name);
+  return found == m_variables.end() ? nullptr : found->second;
+}
+
+void EnvironmentImpl::SetVariable(std::string name, VRefCountedPointer<EnvironmentVariable> value) {
+  // Destroyed after the lock is released: extensions decide what their state's destructor does.
+  VRefCountedPointer<EnvironmentVariable> old;
+  const VariablesLock variablesLock(this);
+  if (m_terminating) return;
+  const auto found = m_variables.find(name);
+  if (found != m_variables.end()) {
+    old = found->second;
+    m_variables.erase(found);
+  }
+  if (!value.is_empty()) m_variables[name] = value;
+}
+
+VRefCountedPointer<Thread> EnvironmentImpl::CreateThread(std::string name, Thread::Function func,
+                                                         void* data) {
+  const ThreadLock threadLock(this);
+  if (m_terminating) return {};
+  const auto found = m_threads.find(name);
+  if (found != m_threads.end()) return found->second;
+  VRefCountedPointer<Thread> thread(new Thread(this, name, func, data));
+  m_threads[name] = thread;
+  return thread;
+}
+
+VRefCountedPointer<Thread> EnvironmentImpl::GetThread(std::string name) {
+  const ThreadLock threadLock(this);
+  if (m_terminating) return {};
+  const auto found = m_threads.find(name);
+  return found == m_threads.end() ? nullptr : found->second;
+}
+
+void EnvironmentImpl::DeleteThreadRef(const std::string& name) {
+  VRefCountedPointer<Thread> forgotten;
+  const ThreadLock threadLock(this);
+  if (m_terminating) return;
+  const auto found = m_threads.find(name);
+  if (found == m_threads.end()) return;
+  forgotten = found->second;
+  m_threads.erase(found);
+}
+
+}  // namespace vnjs

@@ -1,0 +1,182 @@
+#pragma once
+
+#include <pthread.h>
+#include <v8.h>
+#include <vnjs/environment.h>
+#include <vnjs/lock.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bridge/json.h"
+#include "bridge/script_scope.h"
+#include "engine/dropped_handles.h"
+#include "engine/rejections.h"
+#include "engine/script_store.h"
+
+namespace vnjs {
+
+/// The one implementation of Environment.
+///
+/// Locks:    four, each taken through the scoped class named after what it guards, none inside another, none
+/// held
+///           while script code, a host function or somebody else's destructor runs. (Making a named thread is
+///           the exception: it waits under ThreadLock until the thread has its name.)
+/// Ending:   the destructor is the numbered sequence that says what each step relies on.
+class EnvironmentImpl final : public Environment {
+ public:
+  /// With `useCurrentIsolate` the thread's current isolate is used if there is one that serves no other
+  /// environment; it stays the caller's. Throws VornException when no context can be made.
+  EnvironmentImpl(const char* storageDir, bool useCurrentIsolate);
+  ~EnvironmentImpl() override;
+
+  RunResult Run(const char* code, const char* source) override;
+  RunResult RunFile(const char* path) override;
+  void StartThread() override;
+  void StopThread() override;
+  bool IsThreaded() const override { return m_threaded; }
+  bool IsTerminating() const override { return m_terminating; }
+  void PushCallback(VRefCountedPointer<CallbackBase> callback) override;
+  bool ProcessPendingCallbacks() override;
+  std::string StorageDir() const override { return m_storageDir; }
+  _VNLog* GetLogger() override;
+  void SetLogger(_VNLog* logger) override;
+  v8::Isolate* GetIsolate() const override { return m_isolate; }
+  v8::Local<v8::Context> GetContext() const override;
+  v8::Local<v8::Object> GetGlobal() const override;
+  VRefCountedPointer<EnvironmentVariable> GetVariable(std::string name) override;
+  void SetVariable(std::string name, VRefCountedPointer<EnvironmentVariable> value) override;
+  VRefCountedPointer<Thread> CreateThread(std::string name, Thread::Function func, void* data) override;
+  VRefCountedPointer<Thread> GetThread(std::string name) override;
+
+  /// Runs code on the calling thread, whether or not there is a worker.
+  RunResult Execute(const PendingCode& code);
+
+  /// What `exit()` does: from now on callbacks, threads and variables are refused. Nothing is interrupted.
+  void SetTerminating() { m_terminating = true; }
+
+  /// A named thread was joined or detached.
+  void DeleteThreadRef(const std::string& name);
+  bool HasPendingWork();
+
+  const std::shared_ptr<DroppedHandles>& GetDroppedHandles() const { return m_droppedHandles; }
+  Rejections& GetRejections() { return m_rejections; }
+
+ private:
+  struct ThreadLock : MutexScope {
+    explicit ThreadLock(EnvironmentImpl* env) : MutexScope(env->m_threadsLock) {}
+  };
+  struct VariablesLock : MutexScope {
+    explicit VariablesLock(EnvironmentImpl* env) : MutexScope(env->m_variablesLock) {}
+  };
+  struct QueueLock : MutexScope {
+    explicit QueueLock(EnvironmentImpl* env) : MutexScope(env->m_queueLock) {}
+  };
+  struct CallbackLock : MutexScope {
+    explicit CallbackLock(EnvironmentImpl* env) : MutexScope(env->m_callbackLock) {}
+  };
+
+  /// Counts a thread that is inside a call, so that the destructor can wait for it.
+  class Caller;
+
+  /// The isolate, entered by this thread, with the number of entries below.
+  class Entry;
+
+  void CreateIsolate(bool useCurrentIsolate);
+  void CreateContext();
+  void ReleaseScriptState();
+  void JoinWorker();
+  bool OnWorker() const { return m_workerId == pthread_self(); }
+
+  RunResult RunOnWorker(const char* code, const char* source);
+  RunResult ExecuteEntered(v8::Local<v8::Context> context, const PendingCode& code);
+  void LogExecuting(const std::string& code);
+
+  static void* MainThreadFunc(void* env);
+  bool RunWorkerCycle();
+  void NotifyIdle();
+  bool CallPending(CallbackBase* callback);
+  void RunEngineTasks();
+  void YieldIsolate();
+
+  std::string m_storageDir;
+  bool m_useCurrentIsolate = false;
+  v8::Isolate* m_isolate = nullptr;
+  std::shared_ptr<DroppedHandles> m_droppedHandles;
+
+  std::atomic<bool> m_threaded{false};
+  std::atomic<bool> m_terminating{false};
+  std::atomic<bool> m_ending{false};
+  std::atomic<int> m_callers{0};
+  std::atomic<unsigned long> m_thread{0};
+  std::atomic<unsigned long> m_workerId{0};
+
+  ReentrantMutexLock m_threadsLock;
+  std::map<std::string, VRefCountedPointer<Thread>> m_threads;
+
+  ReentrantMutexLock m_variablesLock;
+  std::map<std::string, VRefCountedPointer<EnvironmentVariable>> m_variables;
+
+  MutexLock m_queueLock{false};
+  uint32_t m_lastCodeId = 0;
+  std::map<uint32_t, PendingCode> m_pendingCode;
+  std::map<uint32_t, RunResult> m_results;
+  std::map<uint32_t, bool> m_waiting;
+  _VNLog* m_logger = nullptr;
+
+  ReentrantMutexLock m_callbackLock;
+  std::vector<VRefCountedPointer<CallbackBase>> m_callbacks;
+  int m_runningBatches = 0;
+  uint64_t m_endedBatches = 0;
+
+  // Guarded by the isolate's Locker.
+  v8::Global<v8::Context> m_context;
+  ScriptStore m_scripts;
+  JsonStringifier m_json;
+  Rejections m_rejections;
+  int m_entries = 0;
+};
+
+class EnvironmentImpl::Caller {
+ public:
+  explicit Caller(EnvironmentImpl* env) : m_callers(env->m_callers) { ++m_callers; }
+  ~Caller() { --m_callers; }
+  Caller(const Caller&) = delete;
+  Caller& operator=(const Caller&) = delete;
+
+ private:
+  std::atomic<int>& m_callers;
+};
+
+class EnvironmentImpl::Entry {
+ public:
+  explicit Entry(EnvironmentImpl* env) : m_scope(env->m_isolate, env->m_context), m_env(env) {
+    // A termination that was asked for while nothing ran is not for the script that comes now.
+    if (m_env->m_entries++ == 0) m_env->m_isolate->CancelTerminateExecution();
+  }
+  ~Entry() { --m_env->m_entries; }
+  Entry(const Entry&) = delete;
+  Entry& operator=(const Entry&) = delete;
+
+  v8::Local<v8::Context> context() const { return m_scope.context(); }
+
+  /// No script is running below this entry.
+  bool IsOutermost() const { return m_env->m_entries == 1; }
+
+  /// At the end of the outermost run or callback: what the script has left behind is reported and let go.
+  void Settle() {
+    if (!IsOutermost()) return;
+    if (m_env->m_isolate->IsExecutionTerminating()) m_env->m_isolate->CancelTerminateExecution();
+    m_env->m_rejections.Report(m_env);
+    m_env->m_droppedHandles->Reset();
+  }
+
+ private:
+  const ScriptScope m_scope;
+  EnvironmentImpl* const m_env;
+};
+
+}  // namespace vnjs

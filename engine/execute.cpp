@@ -1,0 +1,120 @@
+#include <unistd.h>
+#include <vnjs/value.h>
+
+#include "bridge/native.h"
+#include "engine/environment_impl.h"
+#include "engine/failure.h"
+
+namespace vnjs {
+
+namespace {
+
+ScriptPosition Position(v8::Local<v8::Context> context, v8::Local<v8::Message> message) {
+  if (message.IsEmpty()) return {};
+  return {GetString(message->GetScriptResourceName()), message->GetLineNumber(context).FromMaybe(0),
+          message->GetStartColumn() + 1};
+}
+
+/// The text of a script's result: JSON for all that JSON can say.
+std::string ResultText(v8::Local<v8::Context> context, const JsonStringifier& json,
+                       v8::Local<v8::Value> value) {
+  if (value.IsEmpty()) return {};
+  if (value->IsUndefined()) return "undefined";
+  if (value->IsNull()) return "null";
+  if (value->IsFunction()) return GetString(value);
+  return GetString(json.Stringify(context, value));
+}
+
+}  // namespace
+
+RunResult EnvironmentImpl::Run(const char* code, const char* source) {
+  if (code == nullptr) return {};
+  if (source == nullptr) source = "";
+  const Caller caller(this);
+  if (m_threaded && !OnWorker()) return RunOnWorker(code, source);
+  return Execute(PendingCode(code, source));
+}
+
+RunResult EnvironmentImpl::RunFile(const char* path) {
+  if (path == nullptr) return {};
+  const std::string text = ReadFile(path);
+  return Run(text.c_str(), path);
+}
+
+RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
+  uint32_t id = 0;
+  {
+    const QueueLock queueLock(this);
+    id = ++m_lastCodeId;
+    m_results.erase(id);
+    m_pendingCode[id] = PendingCode(code, source);
+    m_waiting[id] = true;
+  }
+
+  RunResult result("Code took too long to return result", true);
+  bool found = false;
+  for (int polls = 0; polls < 100 && !found && !m_ending; ++polls) {
+    usleep(100000);
+    const QueueLock queueLock(this);
+    const auto entry = m_results.find(id);
+    if (entry == m_results.end()) continue;
+    result = entry->second;
+    found = true;
+  }
+
+  // Code that the worker has not taken by now is never run; a result that comes later is dropped.
+  const QueueLock queueLock(this);
+  m_waiting.erase(id);
+  m_results.erase(id);
+  m_pendingCode.erase(id);
+  return result;
+}
+
+RunResult EnvironmentImpl::Execute(const PendingCode& code) {
+  Entry entry(this);
+  RunResult result = ExecuteEntered(entry.context(), code);
+  entry.Settle();
+  return result;
+}
+
+RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const PendingCode& code) {
+  v8::TryCatch caught(m_isolate);
+  v8::Local<v8::Script> script;
+  const bool compiled = m_scripts.Compile(context, code.m_code, code.m_source).ToLocal(&script);
+  LogExecuting(code.m_code);
+  if (!compiled) {
+    if (caught.HasTerminated()) return {kInterrupted, true};
+    const v8::Local<v8::Message> message = caught.Message();
+    const std::string text = message.IsEmpty() ? "the text is too long" : MessageText(caught);
+    const ScriptPosition position = Position(context, message);
+    Log(4,
+        "JavaScript compilation error at " + position.source + ":" + std::to_string(position.line) + ": " +
+            StackText(context, caught, text),
+        nullptr);
+    return {"JavaScript compilation error: " + text, true, position};
+  }
+
+  v8::Local<v8::Value> value;
+  const bool ended = script->Run(context).ToLocal(&value);
+  // A termination can also have ended the microtasks alone, after the script itself returned.
+  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) return {kInterrupted, true};
+  if (!ended) {
+    const std::string text = MessageText(caught);
+    const ScriptPosition position = Position(context, caught.Message());
+    Log(3, "result: Error: " + StackText(context, caught, text), nullptr);
+    return {text, true, position};
+  }
+  const std::string text = ResultText(context, m_json, value);
+  if (caught.HasTerminated()) return {kInterrupted, true};
+  return {text, false};
+}
+
+void EnvironmentImpl::LogExecuting(const std::string& code) {
+  const size_t end = code.find('\n');
+  std::string line = "Executing script: ";
+  line.append(code, 0, end);
+  if (end != std::string::npos) line += " ...";
+  Log(1, line, nullptr);
+}
+
+}  // namespace vnjs

@@ -1,0 +1,17 @@
+#include "engine/failure.h"
+
+#include <vnjs/value.h>
+
+namespace vnjs {
+
+std::string MessageText(const v8::TryCatch& caught) {
+  return caught.Message().IsEmpty() ? GetString(caught.Exception()) : GetString(caught.Message()->Get());
+}
+
+std::string StackText(v8::Local<v8::Context> context, const v8::TryCatch& caught,
+                      const std::string& otherwise) {
+  v8::Local<v8::Value> stack;
+  return caught.StackTrace(context).ToLocal(&stack) ? GetString(stack) : otherwise;
+}
+
+}  // namespace vnjs

@@ -1,0 +1,35 @@
+#include <vnjs/module.h>
+
+#include "bridge/native.h"
+
+namespace vnjs {
+
+Module::Module(const char* name, const char* source, int depCount, const char** deps, int sourceLength)
+    : v8::Extension(name, source, depCount, deps, sourceLength) {
+  set_auto_enable(true);
+}
+
+Module::~Module() = default;
+
+v8::Local<v8::FunctionTemplate> Module::GetNativeFunctionTemplate(v8::Isolate* isolate,
+                                                                  v8::Local<v8::String> name) {
+  v8::Local<v8::FunctionTemplate> result;
+  if (Environment* const environment = GetEnvironment(isolate)) {
+    result = GetFunction(environment, isolate, GetString(name));
+  }
+  if (result.IsEmpty()) {
+    // With a callback that does nothing; without one, calls would return their receiver.
+    result = v8::FunctionTemplate::New(isolate, [](const v8::FunctionCallbackInfo<v8::Value>&) {});
+  }
+  return result;
+}
+
+v8::Local<v8::FunctionTemplate> Module::GetNativeFunction(v8::Local<v8::String> name) {
+  v8::Isolate* const isolate = v8::Isolate::TryGetCurrent();
+  if (isolate == nullptr) return {};
+  return GetNativeFunctionTemplate(isolate, name);
+}
+
+EnvironmentVariable::~EnvironmentVariable() = default;
+
+}  // namespace vnjs

@@ -1,0 +1,80 @@
+#include "engine/rejections.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "bridge/native.h"
+#include "engine/environment_impl.h"
+
+namespace vnjs {
+
+namespace {
+
+/// One script can leave any number of rejected promises; the log takes so many of each run and a count.
+constexpr size_t kMostLines = 20;
+
+/// An error's stack, or the text of whatever else was thrown. Both can be the work of a script.
+std::string Describe(v8::Local<v8::Context> context, v8::Local<v8::Value> reason) {
+  const v8::TryCatch caught(context->GetIsolate());
+  v8::Local<v8::Value> stack;
+  if (reason->IsNativeError() &&
+      reason.As<v8::Object>()->Get(context, NewName(context->GetIsolate(), "stack")).ToLocal(&stack)) {
+    const std::string text = GetString(stack);
+    if (!text.empty()) return text;
+  }
+  return GetString(reason);
+}
+
+}  // namespace
+
+void Rejections::OnReject(v8::PromiseRejectMessage message) {
+  if (message.GetEvent() != v8::kPromiseRejectWithNoHandler) return;
+  v8::Isolate* const isolate = message.GetPromise()->GetIsolate();
+  if (Environment* const environment = GetEnvironment(isolate)) {
+    static_cast<EnvironmentImpl*>(environment)
+        ->GetRejections()
+        .Add(isolate, message.GetPromise(), message.GetValue());
+  }
+}
+
+void Rejections::Add(v8::Isolate* isolate, v8::Local<v8::Promise> promise, v8::Local<v8::Value> reason) {
+  // A promise that finds its handler a moment later is the ordinary case; a long run must not collect them
+  // all.
+  if (m_entries.size() >= m_sweepAt) {
+    ForgetHandled();
+    m_sweepAt = std::max<size_t>(64, 2 * m_entries.size());
+  }
+  m_entries.push_back({v8::Global<v8::Promise>(isolate, promise), v8::Global<v8::Value>(isolate, reason)});
+}
+
+void Rejections::ForgetHandled() {
+  v8::Isolate* const isolate = v8::Isolate::GetCurrent();
+  const v8::HandleScope scope(isolate);
+  m_entries.erase(
+      std::remove_if(m_entries.begin(), m_entries.end(),
+                     [isolate](const Entry& entry) { return entry.promise.Get(isolate)->HasHandler(); }),
+      m_entries.end());
+}
+
+void Rejections::Report(Environment* environment) {
+  if (m_entries.empty()) return;
+  ForgetHandled();
+  // Moved out, because describing them can run script code that rejects further ones.
+  const std::vector<Entry> entries = std::exchange(m_entries, {});
+  m_sweepAt = 64;
+
+  v8::Isolate* const isolate = environment->GetIsolate();
+  const v8::HandleScope scope(isolate);
+  const v8::Local<v8::Context> context = environment->GetContext();
+  for (size_t i = 0; i < entries.size() && i < kMostLines; ++i) {
+    environment->Log(3, "Unhandled promise rejection: " + Describe(context, entries[i].reason.Get(isolate)),
+                     nullptr);
+  }
+  if (entries.size() > kMostLines) {
+    environment->Log(3, std::to_string(entries.size() - kMostLines) + " more unhandled promise rejections",
+                     nullptr);
+  }
+}
+
+}  // namespace vnjs

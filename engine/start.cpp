@@ -1,0 +1,51 @@
+#include "engine/start.h"
+
+#include <libplatform/libplatform.h>
+#include <v8.h>
+
+#include "engine/extensions.h"
+
+// The engine exports this but has no header for it. Null until somebody has called InitializePlatform.
+namespace v8::internal {
+class V8 {
+ public:
+  static v8::Platform* GetCurrentPlatform();
+};
+}  // namespace v8::internal
+
+namespace vnjs {
+
+namespace {
+
+struct Engine {
+  v8::Platform* platform;
+  bool owned;
+};
+
+Engine Start() {
+  Engine engine{v8::internal::V8::GetCurrentPlatform(), false};
+  if (engine.platform == nullptr) {
+    // One thread besides the callers' collects garbage and compiles; environments are small and CPUs few.
+    engine.platform = v8::platform::NewDefaultPlatform(1).release();
+    engine.owned = true;
+    v8::V8::InitializePlatform(engine.platform);
+    v8::V8::Initialize();
+  }
+  RegisterExtensions();
+  return engine;
+}
+
+const Engine& TheEngine() {
+  static const Engine engine = Start();
+  return engine;
+}
+
+}  // namespace
+
+void StartEngine() { TheEngine(); }
+
+v8::Platform* EnginePlatform() { return TheEngine().platform; }
+
+bool OwnsEnginePlatform() { return TheEngine().owned; }
+
+}  // namespace vnjs

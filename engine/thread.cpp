@@ -1,0 +1,139 @@
+#include <unistd.h>
+#include <vnjs/error.h>
+#include <vnjs/host.h>
+#include <vnjs/thread.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "engine/environment_impl.h"
+
+namespace vnjs {
+
+namespace {
+
+/// The Thread whose function runs on this thread.
+thread_local const Thread* t_current = nullptr;
+
+}  // namespace
+
+void VCreateThread(void* (*func)(void*), void* arg, unsigned long* handle) {
+  pthread_t thread{};
+  if (pthread_create(&thread, nullptr, func, arg) != 0) throw VornException("Cannot create thread");
+  *handle = thread;
+}
+
+void VJoinThread(unsigned long* handle) {
+  if (handle == nullptr || *handle == 0) return;
+  const int error = pthread_join(*handle, nullptr);
+  if (error != 0 && error != EINVAL && error != ESRCH) throw VornException("Cannot join thread");
+  *handle = 0;
+}
+
+void VDetachThread(unsigned long* handle) {
+  if (handle == nullptr || *handle == 0) return;
+  if (pthread_detach(*handle) != 0) throw VornException("Cannot detach thread");
+  *handle = 0;
+}
+
+Thread::Thread(Environment* env, std::string name, Function func, void* data)
+    : m_environment(env), m_name(std::move(name)), m_function(func), m_data(data) {
+  if (env == nullptr || m_name.empty() || func == nullptr) throw VornException("Invalid args!");
+  pthread_mutex_init(&m_startMutex, nullptr);
+  pthread_cond_init(&m_startCondition, nullptr);
+
+  // The running function's reference, taken here so that it exists before the thread does.
+  VRefCountedObject::AddRef();
+  unsigned long handle = 0;
+  try {
+    VCreateThread(ThreadFuncNative, this, &handle);
+  } catch (const VornException&) {
+    pthread_cond_destroy(&m_startCondition);
+    pthread_mutex_destroy(&m_startMutex);
+    throw;
+  }
+  m_handle = handle;
+
+  pthread_mutex_lock(&m_startMutex);
+  while (!m_started) pthread_cond_wait(&m_startCondition, &m_startMutex);
+  pthread_mutex_unlock(&m_startMutex);
+}
+
+Thread::~Thread() {
+  SetTerminating();
+  try {
+    if (t_current == this) {
+      // The function's own reference was the last one, and a thread cannot join itself.
+      unsigned long handle = m_handle.exchange(0);
+      VDetachThread(&handle);
+    } else {
+      Join();
+    }
+  } catch (const VornException&) {
+    // Nobody is left to be told.
+  }
+  pthread_cond_destroy(&m_startCondition);
+  pthread_mutex_destroy(&m_startMutex);
+}
+
+void Thread::AddRef() {
+  VRefCountedObject::AddRef();
+  if (t_current != this) m_taken = true;
+}
+
+void Thread::Join() {
+  if (m_detached) return;
+  unsigned long handle = m_handle.exchange(0);
+  if (handle == 0) return;
+  try {
+    VJoinThread(&handle);
+  } catch (const VornException&) {
+    m_handle = handle;
+    throw;
+  }
+  ForgetName();
+}
+
+void Thread::Detach() {
+  if (m_detached) return;
+  unsigned long handle = m_handle.exchange(0);
+  if (handle == 0) return;
+  try {
+    VDetachThread(&handle);
+  } catch (const VornException&) {
+    m_handle = handle;
+    throw;
+  }
+  m_detached = true;
+  ForgetName();
+}
+
+void Thread::ForgetName() {
+  if (auto* const environment = dynamic_cast<EnvironmentImpl*>(m_environment))
+    environment->DeleteThreadRef(m_name);
+}
+
+void* Thread::ThreadFuncNative(void* self) {
+  auto* const thread = static_cast<Thread*>(self);
+  t_current = thread;
+  set_thread_name(thread->m_name.c_str());
+  pthread_mutex_lock(&thread->m_startMutex);
+  thread->m_started = true;
+  pthread_cond_signal(&thread->m_startCondition);
+  pthread_mutex_unlock(&thread->m_startMutex);
+
+  int result = -1;
+  try {
+    result = thread->m_function(thread);
+  } catch (...) {
+    // The result says it.
+  }
+
+  // A short function may be done before its creator has put the new Thread into a pointer. Letting go now
+  // would hand the creator a deleted object.
+  while (!thread->m_taken) usleep(1000);
+  thread->ReleaseRef();
+  return reinterpret_cast<void*>(static_cast<intptr_t>(result));
+}
+
+}  // namespace vnjs

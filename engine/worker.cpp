@@ -1,0 +1,216 @@
+#include <libplatform/libplatform.h>
+#include <unistd.h>
+#include <vnjs/error.h>
+
+#include <utility>
+
+#include "engine/environment_impl.h"
+#include "engine/failure.h"
+#include "engine/start.h"
+
+namespace vnjs {
+
+namespace {
+
+constexpr useconds_t kPause = 10000;
+constexpr int kIdleCycles = 1000;
+constexpr int kBusyStep = 5;
+
+/// How often the engine may say that it has more to tidy up before it is left alone.
+constexpr int kMostIdleRounds = 100;
+
+}  // namespace
+
+void EnvironmentImpl::StartThread() {
+  if (m_threaded) return;
+  // The worker was told to stop, from inside one of its own scripts, and is told to go on before it has
+  // ended.
+  const bool goOn = OnWorker();
+  if (!goOn) JoinWorker();
+  const bool wasTerminating = m_terminating;
+  m_terminating = false;
+  m_threaded = true;
+  if (goOn) return;
+  try {
+    unsigned long handle = 0;
+    VCreateThread(MainThreadFunc, this, &handle);
+    m_thread = handle;
+  } catch (const VornException& e) {
+    m_threaded = false;
+    m_terminating = wasTerminating;
+    Log(3, e.msg(), nullptr);
+    throw;
+  }
+}
+
+void EnvironmentImpl::StopThread() {
+  if (!m_threaded.exchange(false)) return;
+  m_terminating = true;
+  JoinWorker();
+}
+
+void EnvironmentImpl::JoinWorker() {
+  // A script that stops its own worker cannot wait for it; the next start or the destructor does.
+  if (OnWorker()) return;
+  unsigned long handle = m_thread.exchange(0);
+  VJoinThread(&handle);
+}
+
+void* EnvironmentImpl::MainThreadFunc(void* env) {
+  auto* const self = static_cast<EnvironmentImpl*>(env);
+  // Its own doing: the parent may know the handle only after this thread has run a script that asks for it.
+  self->m_workerId = pthread_self();
+  set_thread_name("vorn/core");
+
+  int idleCycles = 0;
+  bool busy = false;
+  while (!self->m_terminating) {
+    const bool idle = !self->RunWorkerCycle();
+    usleep(kPause);
+    if (!idle) {
+      busy = true;
+      idleCycles = idleCycles <= kBusyStep ? 0 : idleCycles - kBusyStep;
+    } else if (busy && ++idleCycles == kIdleCycles) {
+      self->NotifyIdle();
+      idleCycles = 0;
+      busy = false;
+    }
+  }
+  self->m_workerId = 0;
+  return nullptr;
+}
+
+bool EnvironmentImpl::RunWorkerCycle() {
+  bool worked = ProcessPendingCallbacks();
+
+  std::map<uint32_t, PendingCode> pending;
+  {
+    const QueueLock queueLock(this);
+    pending.swap(m_pendingCode);
+  }
+  for (const auto& [id, code] : pending) {
+    worked = true;
+    const RunResult result = Execute(code);
+    const QueueLock queueLock(this);
+    if (m_waiting.count(id) != 0) m_results[id] = result;
+  }
+  return worked;
+}
+
+void EnvironmentImpl::NotifyIdle() {
+  const v8::Locker locker(m_isolate);
+  const v8::Isolate::Scope isolateScope(m_isolate);
+  for (int round = 0; round < kMostIdleRounds; ++round) {
+    if (m_isolate->IdleNotificationDeadline(EnginePlatform()->MonotonicallyIncreasingTime() + 1.0)) break;
+  }
+}
+
+void EnvironmentImpl::PushCallback(VRefCountedPointer<CallbackBase> callback) {
+  if (m_terminating) return;
+  const CallbackLock callbackLock(this);
+  m_callbacks.push_back(std::move(callback));
+}
+
+bool EnvironmentImpl::ProcessPendingCallbacks() {
+  if (m_terminating) return false;
+  const Caller caller(this);
+  Entry entry(this);
+  if (entry.IsOutermost()) RunEngineTasks();
+
+  std::vector<VRefCountedPointer<CallbackBase>> batch;
+  {
+    const CallbackLock callbackLock(this);
+    batch.swap(m_callbacks);
+    if (!batch.empty()) ++m_runningBatches;
+  }
+  if (batch.empty()) {
+    entry.Settle();
+    return false;
+  }
+
+  bool terminated = false;
+  for (auto& callback : batch) {
+    terminated |= CallPending(callback.get_ptr());
+    entry.Settle();
+  }
+  // Dropped here, under the isolate's lock, where the handles can go at once.
+  batch.clear();
+  {
+    const CallbackLock callbackLock(this);
+    --m_runningBatches;
+    ++m_endedBatches;
+  }
+  YieldIsolate();
+  // A termination ended one callback; the script that had called for the batch ends as well.
+  if (terminated && !entry.IsOutermost()) m_isolate->TerminateExecution();
+  return true;
+}
+
+/// Returns whether the callback was ended by a termination.
+bool EnvironmentImpl::CallPending(CallbackBase* callback) {
+  const v8::HandleScope scope(m_isolate);
+  const v8::TryCatch caught(m_isolate);
+  std::string failure;
+  try {
+    callback->Call();
+  } catch (const VornException& e) {
+    failure = e.msg();
+  }
+  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) {
+    m_isolate->CancelTerminateExecution();
+    Log(3, "Callback execution error: " + std::string(kInterrupted), nullptr);
+    return true;
+  }
+  if (caught.HasCaught()) failure = StackText(GetContext(), caught, MessageText(caught));
+  if (!failure.empty()) Log(3, "Callback execution error: " + failure, nullptr);
+  return false;
+}
+
+/// Finalizers and asynchronous compilations wait for somebody to run the platform's tasks; a host that
+/// started the engine itself does that.
+void EnvironmentImpl::RunEngineTasks() {
+  if (!OwnsEnginePlatform()) return;
+  const v8::TryCatch caught(m_isolate);
+  while (!m_terminating && v8::platform::PumpMessageLoop(EnginePlatform(), m_isolate)) {
+  }
+}
+
+/// Lets threads that wait for the isolate have it for a moment. The isolate may be entered several times
+/// below, by nested runs or by the host.
+void EnvironmentImpl::YieldIsolate() {
+  int entered = 0;
+  while (v8::Isolate::TryGetCurrent() == m_isolate) {
+    m_isolate->Exit();
+    ++entered;
+  }
+  const int entries = std::exchange(m_entries, 0);
+  {
+    const v8::Unlocker unlocker(m_isolate);
+    usleep(kPause);
+  }
+  m_entries = entries;
+  while (entered-- > 0) m_isolate->Enter();
+}
+
+bool EnvironmentImpl::HasPendingWork() {
+  uint64_t endedBatches = 0;
+  {
+    const CallbackLock callbackLock(this);
+    if (m_terminating) return false;
+    if (!m_callbacks.empty() || m_runningBatches > 0) return true;
+    endedBatches = m_endedBatches;
+  }
+  std::vector<VRefCountedPointer<EnvironmentVariable>> variables;
+  {
+    const VariablesLock variablesLock(this);
+    for (const auto& [name, variable] : m_variables) variables.push_back(variable);
+  }
+  for (const auto& variable : variables) {
+    if (variable->HasPendingWork()) return true;
+  }
+  // Work may have moved from an extension to the queue, and through it, since the first look.
+  const CallbackLock callbackLock(this);
+  return !m_callbacks.empty() || m_runningBatches > 0 || m_endedBatches != endedBatches;
+}
+
+}  // namespace vnjs

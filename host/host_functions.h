@@ -1,0 +1,11 @@
+#pragma once
+
+#include <vnjs/host.h>
+
+namespace vnjs::host {
+
+/// What a logger shows: lines of its level and above. The library's own levels are kInfo for notes, kError
+/// for script exceptions and one more for code that does not compile.
+enum LogLevel { kTrace = 0, kInfo = 1, kWarning = 2, kError = 3, kNone = 5 };
+
+}  // namespace vnjs::host

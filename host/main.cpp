@@ -1,0 +1,178 @@
+#include <unistd.h>
+#include <vnjs/error.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host/runner.h"
+
+namespace vnjs::host {
+namespace {
+
+enum ExitStatus { kFine = 0, kFailed = 1, kWrongUsage = 2 };
+
+/// What the command line asks for cannot be done: a missing file, a folder that cannot be made.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Options {
+  std::vector<std::string> files;
+  std::string code;
+  std::string storageDir;
+  std::string logLevel = "info";
+  double seconds = std::numeric_limits<double>::infinity();
+  bool threaded = false;
+  bool quiet = false;
+};
+
+const std::map<std::string, LogLevel> kLogLevels = {
+    {"trace", kTrace}, {"info", kInfo}, {"warning", kWarning}, {"error", kError}, {"none", kNone}};
+
+const CLI::Validator kIsLogLevel(
+    [](std::string& text) {
+      return kLogLevels.count(text) != 0 ? "" : "'" + text + "' is none of trace, info, warning, error, none";
+    },
+    "");
+
+const CLI::Validator kIsNotEmpty([](std::string& text) { return text.empty() ? "must not be empty" : ""; },
+                                 "");
+
+const CLI::Validator kIsSeconds(
+    [](std::string& text) {
+      char* end = nullptr;
+      const double seconds = strtod(text.c_str(), &end);
+      const bool valid = !text.empty() && *end == '\0' && seconds >= 0;
+      return valid ? "" : "'" + text + "' is not a number of seconds";
+    },
+    "");
+
+const char kVersion[] = "vnjs " VNJS_VERSION;
+const char kVersionHelp[] = "Print the version and end";
+
+void AddCommonOptions(CLI::App* command, Options& options) {
+  command->add_option("--storage", options.storageDir, "Folder for all that scripts reach")
+      ->type_name("DIR")
+      ->check(kIsNotEmpty);
+  command->add_flag("--threaded", options.threaded, "Run scripts on a worker thread");
+  command->add_option("--log", options.logLevel, "trace, info (the default), warning, error or none")
+      ->type_name("LEVEL")
+      ->check(kIsLogLevel);
+  command->add_flag("--quiet", options.quiet, "No log lines, whatever --log says");
+  command->set_version_flag("--version", kVersion, kVersionHelp);
+}
+
+void DescribeCommandLine(CLI::App& app, Options& options) {
+  app.set_help_flag("--help", "Print this help and end");
+  app.set_version_flag("--version", kVersion, kVersionHelp);
+  app.require_subcommand(0, 1);
+  app.get_formatter()->label("REQUIRED", "");
+  app.footer("Exit status: 0 fine, 1 a script failed, 2 wrong usage or missing file.");
+
+  CLI::App* const run = app.add_subcommand("run", "Run script files, then their timers");
+  run->add_option("FILE", options.files, "Scripts, run in this order")->type_name("")->required();
+  run->add_option("--for", options.seconds, "End after this time, though timers are left")
+      ->type_name("SECONDS")
+      ->check(kIsSeconds);
+  AddCommonOptions(run, options);
+  run->footer(
+      "DIR is the first file's folder when not given; DIR/storage is made.\n"
+      "Ends when no timer is left, on exit() and on Ctrl-C; a second Ctrl-C\n"
+      "also ends a script that is busy.");
+
+  CLI::App* const eval = app.add_subcommand("eval", "Run code, print its result and end");
+  eval->add_option("CODE", options.code, "The code, put after -- when it begins with a dash")
+      ->type_name("")
+      ->required();
+  AddCommonOptions(eval, options);
+  eval->footer("DIR is the current folder when not given; DIR/storage is made.");
+}
+
+/// Whether every file can be read is asked before the first one runs.
+void CheckFile(const std::string& path) {
+  if (std::filesystem::is_directory(path)) throw UsageError(path + ": " + strerror(EISDIR));
+  if (access(path.c_str(), R_OK) != 0) throw UsageError(path + ": " + strerror(errno));
+}
+
+std::string PrepareStorage(const Options& options) {
+  std::filesystem::path folder = options.storageDir;
+  if (folder.empty() && !options.files.empty())
+    folder = std::filesystem::path(options.files[0]).parent_path();
+  if (folder.empty()) folder = ".";
+  const std::filesystem::path storage = folder / "storage";
+  std::error_code error;
+  std::filesystem::create_directories(storage, error);
+  if (error) throw UsageError("cannot make the folder " + storage.string() + ": " + error.message());
+  return folder.string();
+}
+
+ExitStatus RunFiles(Runner& runner, const Options& options) {
+  for (const std::string& path : options.files) {
+    if (runner.IsStopped()) break;
+    try {
+      if (!runner.RunFile(path)) return kFailed;
+    } catch (const VornException& e) {
+      throw UsageError(e.msg());
+    }
+  }
+  runner.Pump(options.seconds);
+  return kFine;
+}
+
+ExitStatus Execute(const CLI::App& app, const Options& options) {
+  for (const std::string& path : options.files) CheckFile(path);
+  const bool run = app.got_subcommand("run");
+  const std::string storageDir = PrepareStorage(options);
+  if (run) StopOnSignals();
+  Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded);
+  if (run) return RunFiles(runner, options);
+  return runner.Evaluate(options.code) ? kFine : kFailed;
+}
+
+ExitStatus Main(int argc, char** argv) {
+  CLI::App app("Runs automations written in JavaScript.", "vnjs");
+  Options options;
+  DescribeCommandLine(app, options);
+  try {
+    app.parse(argc, argv);
+    if (app.get_subcommands().empty()) throw CLI::RequiredError("run or eval");
+  } catch (const CLI::ParseError& e) {
+    std::ostringstream asked;
+    std::ostringstream wrong;
+    if (app.exit(e, asked, wrong) == 0) return PrintText(asked.str()) ? kFine : kFailed;
+    std::string text = wrong.str();
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    throw UsageError(text);
+  }
+  return Execute(app, options);
+}
+
+}  // namespace
+}  // namespace vnjs::host
+
+int main(int argc, char** argv) {
+  using namespace vnjs::host;
+  try {
+    return Main(argc, argv);
+  } catch (const UsageError& e) {
+    fprintf(stderr, "vnjs: %s\n", e.what());
+    return kWrongUsage;
+  } catch (const vnjs::VornException& e) {
+    fprintf(stderr, "vnjs: %s\n", e.msg().c_str());
+  } catch (const std::exception& e) {
+    fprintf(stderr, "vnjs: %s\n", e.what());
+  }
+  return kFailed;
+}

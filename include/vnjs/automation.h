@@ -1,0 +1,57 @@
+#pragma once
+
+#include <vnjs/environment.h>
+#include <vnjs/export.h>
+#include <vnjs/result.h>
+
+#include <string>
+
+namespace vnjs {
+
+/// What a host uses: one script environment.
+///
+/// Threads:  without the worker, one thread makes all calls; with it, Run and RunFile come from any thread.
+/// Order:    EnableDebug (optional), constructor, SetLogger and StartThread (optional), Run and RunFile as
+/// often
+///           as wanted, StopThread, destructor.
+/// Ending:   the destructor waits for the worker, the named threads and callers inside Run, and drops what is
+///           queued. It must not run inside one of the environment's own scripts.
+class VNJS_API Automation {
+ public:
+  /// `storageDir` is the root of everything scripts reach; a missing "/" at its end is added, and empty means
+  /// "/". Throws VornException when no context can be made.
+  explicit Automation(const char* storageDir);
+  Automation(const Automation&) = delete;
+  Automation& operator=(const Automation&) = delete;
+  virtual ~Automation();
+
+  /// Each of these forwards to the environment's operation of the same name.
+  RunResult Run(const char* code, const char* source);
+  RunResult RunFile(const char* path);
+  void StartThread();
+  void StopThread();
+  bool IsThreaded() const;
+  bool IsTerminating() const;
+  bool ProcessPendingCallbacks();
+  std::string StorageDir() const;
+  _VNLog* GetLogger() const;
+  void SetLogger(_VNLog* logger);
+
+  /// True while a timer waits, or a callback is queued or running, and the environment is not terminating:
+  /// more script work will come without the host's doing. Any thread.
+  bool HasPendingWork() const;
+
+  /// Owned by this object.
+  Environment* GetEnvironment() const { return m_environment; }
+
+  /// Turns remote debugging on for the process, before any Automation is made. m_debug tells whether the port
+  /// could be opened.
+  static void EnableDebug(unsigned short port);
+
+  static bool m_debug;
+
+ private:
+  Environment* m_environment;
+};
+
+}  // namespace vnjs

@@ -1,0 +1,15 @@
+#pragma once
+
+/// The whole library interface.
+
+#include <vnjs/automation.h>
+#include <vnjs/callback.h>
+#include <vnjs/environment.h>
+#include <vnjs/error.h>
+#include <vnjs/host.h>
+#include <vnjs/lock.h>
+#include <vnjs/module.h>
+#include <vnjs/refcount.h>
+#include <vnjs/result.h>
+#include <vnjs/thread.h>
+#include <vnjs/value.h>

@@ -1,0 +1,155 @@
+#include "modules/timers/timers.h"
+
+#include <unistd.h>
+#include <vnjs/host.h>
+
+#include "bridge/native.h"
+#include "engine/registration.h"
+
+namespace vnjs {
+
+bool Timers::m_registered = false;
+
+const char Timers::kSource[] = R"(native function setTimeout();
+
+native function clearTimeout();
+
+native function setInterval();
+
+native function clearInterval();
+)";
+
+namespace {
+
+constexpr char kVariable[] = "vorn/timers";
+constexpr char kThread[] = "vorn/timers";
+constexpr useconds_t kStep = 25000;
+
+/// Longer gaps between two passes are jumps of the clock and charged to nobody.
+constexpr int32_t kLongestGap = 1000;
+
+}  // namespace
+
+Timers::Timers() : Module("vorn/timers", kSource, 0, nullptr, -1) {}
+
+void Timers::Register() { RegisterOnce<Timers>(m_registered); }
+
+VRefCountedPointer<Timers::TimersContext> Timers::GetTimersContext(Environment* env) {
+  const VRefCountedPointer<EnvironmentVariable> variable = env->GetVariable(kVariable);
+  if (!variable.is_empty()) return static_cast<TimersContext*>(variable.get_ptr());
+  VRefCountedPointer<TimersContext> context(new TimersContext(env));
+  env->SetVariable(kVariable, context.get_ptr());
+  return context;
+}
+
+void Timers::CreateThreadIfNeeded(Environment* env) { env->CreateThread(kThread, TimersFunc, nullptr); }
+
+int Timers::TimersFunc(VRefCountedPointer<Thread> thread) {
+  const VRefCountedPointer<TimersContext> context = GetTimersContext(thread->GetEnvironment());
+  uint64_t last = get_local_time_ms();
+  while (!thread->IsTerminating()) {
+    const uint64_t now = get_local_time_ms();
+    const auto elapsed = static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(last));
+    last = now;
+    if (elapsed < 0 || elapsed > kLongestGap) continue;
+    context->Pass(elapsed);
+    usleep(kStep);
+  }
+  return 0;
+}
+
+bool Timers::TimersContext::HasPendingWork() const {
+  const Scope scope(this);
+  return !m_timers.empty();
+}
+
+uint32_t Timers::TimersContext::Add(v8::Isolate* isolate, v8::Local<v8::Value> callback, int32_t delay,
+                                    bool recurring) {
+  const Scope scope(this);
+  uint32_t id = 0;
+  while (id == 0 || m_timers.count(id) != 0) id = NextTimerId();
+  if (delay == 0) {
+    m_environment->PushCallback(new TimerCallback(m_environment, SafeValue::New(isolate, callback), id));
+  } else {
+    CreateThreadIfNeeded(m_environment);
+    m_timers[id] = TimerInfo(SafeValue::New(isolate, callback), delay, recurring);
+  }
+  return id;
+}
+
+bool Timers::TimersContext::Clear(uint32_t id, bool recurring) {
+  const Scope scope(this);
+  const auto found = m_timers.find(id);
+  if (found == m_timers.end()) return true;
+  if (found->second.GetRecurring() != recurring) return false;
+  m_timers.erase(found);
+  return true;
+}
+
+void Timers::TimersContext::Pass(int32_t elapsed) {
+  const Scope scope(this);
+  for (auto timer = m_timers.begin(); timer != m_timers.end();) {
+    auto& [id, info] = *timer;
+    info.Decrement(elapsed);
+    if (info.GetTimeLeft() > 0) {
+      ++timer;
+      continue;
+    }
+    m_environment->PushCallback(new TimerCallback(m_environment, info.GetCallback(), id));
+    if (info.GetRecurring()) {
+      info.Reset();
+      ++timer;
+    } else {
+      timer = m_timers.erase(timer);
+    }
+  }
+}
+
+void Timers::TimerCallback::Call() {
+  if (m_callback.is_empty()) return;
+  v8::Isolate* const isolate = m_environment->GetIsolate();
+  const v8::HandleScope scope(isolate);
+  const v8::Local<v8::Value> value = m_callback->GetValue();
+  if (value.IsEmpty() || !value->IsFunction()) return;
+  v8::Local<v8::Value> id = v8::Integer::New(isolate, static_cast<int32_t>(m_id));
+  v8::Local<v8::Value> ignored;
+  if (!value.As<v8::Function>()->Call(m_environment->GetContext(), value, 1, &id).ToLocal(&ignored)) {
+    // What it threw stays pending, for the callback queue to log.
+    return;
+  }
+}
+
+void Timers::SetTimeout(const Info& info) {
+  if (info.Length() < 2 || !info[0]->IsFunction()) return;
+  v8::Isolate* const isolate = info.GetIsolate();
+  const bool recurring = info.Data()->BooleanValue(isolate);
+  int32_t delay = 0;
+  // Converting can run script code that throws, and before any lock is held because it can also set timers.
+  if (!info[1]->Int32Value(isolate->GetCurrentContext()).To(&delay)) return;
+  if (delay < 0 || (delay == 0 && recurring)) return;
+  info.GetReturnValue().Set(
+      GetTimersContext(GetEnvironment(isolate))->Add(isolate, info[0], delay, recurring));
+}
+
+void Timers::ClearTimeout(const Info& info) {
+  v8::Isolate* const isolate = info.GetIsolate();
+  uint32_t id = 0;
+  if (!info[0]->Uint32Value(isolate->GetCurrentContext()).To(&id) || id == 0) return;
+  if (!GetTimersContext(GetEnvironment(isolate))->Clear(id, info.Data()->BooleanValue(isolate))) {
+    info.GetReturnValue().Set(ThrowException(isolate, "clearTimeout()/clearInterval() mismatch"));
+  }
+}
+
+const NativeEntry Timers::kNatives[] = {
+    {"setTimeout", Native<&Timers::SetTimeout>, NativeEntry::kFunction, false},
+    {"clearTimeout", Native<&Timers::ClearTimeout>, NativeEntry::kFunction, false},
+    {"setInterval", Native<&Timers::SetTimeout>, NativeEntry::kFunction, true},
+    {"clearInterval", Native<&Timers::ClearTimeout>, NativeEntry::kFunction, true},
+};
+
+v8::Local<v8::FunctionTemplate> Timers::GetFunction(Environment* env, v8::Isolate* isolate,
+                                                    std::string name) {
+  return FindNative(isolate, kNatives, name);
+}
+
+}  // namespace vnjs

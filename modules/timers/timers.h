@@ -1,0 +1,112 @@
+#pragma once
+
+#include <vnjs/callback.h>
+#include <vnjs/lock.h>
+#include <vnjs/refcount.h>
+#include <vnjs/module.h>
+#include <vnjs/thread.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace vnjs {
+
+/// "vorn/timers": `setTimeout`, `setInterval` and their clear functions.
+///
+/// Threads:  the natives run under the isolate's lock. One thread per environment, started by the first timer
+/// with
+///           a delay, counts all timers down in steps of 25 ms and queues a callback for each that comes due;
+///           it never touches the engine.
+/// Locks:    the context's lock comes before the environment's callback lock and thread lock.
+class Timers : public Module {
+ public:
+  class TimerInfo;
+  class TimersContext;
+  class TimerCallback;
+
+  Timers();
+  static void Register();
+  v8::Local<v8::FunctionTemplate> GetFunction(Environment* env, v8::Isolate* isolate,
+                                              std::string name) override;
+
+  /// The environment's timers, made when it has none. An environment that is terminating keeps nothing: the
+  /// timers that it answers with are gone with the pointer.
+  static VRefCountedPointer<TimersContext> GetTimersContext(Environment* env);
+
+ private:
+  using Info = v8::FunctionCallbackInfo<v8::Value>;
+
+  static void SetTimeout(const Info& info);
+  static void ClearTimeout(const Info& info);
+  static void CreateThreadIfNeeded(Environment* env);
+  static int TimersFunc(VRefCountedPointer<Thread> thread);
+
+  static const char kSource[];
+  static bool m_registered;
+  static const struct NativeEntry kNatives[];
+};
+
+/// One waiting timer. Times are in milliseconds.
+class Timers::TimerInfo {
+ public:
+  TimerInfo() = default;
+  TimerInfo(VRefCountedPointer<SafeValue> callback, int32_t interval, bool recurring)
+      : m_callback(callback), m_interval(interval), m_timeLeft(interval), m_recurring(recurring) {}
+
+  void Decrement(int32_t ms) { m_timeLeft -= ms; }
+  void Reset() { m_timeLeft = m_interval; }
+
+  int32_t GetTimeLeft() const { return m_timeLeft; }
+  bool GetRecurring() const { return m_recurring; }
+  VRefCountedPointer<SafeValue> GetCallback() const { return m_callback; }
+
+ private:
+  VRefCountedPointer<SafeValue> m_callback;
+  int32_t m_interval = 0;
+  int32_t m_timeLeft = 0;
+  bool m_recurring = false;
+};
+
+/// The waiting timers of one environment. The lock is held for the whole of each operation below.
+class Timers::TimersContext : public EnvironmentVariable {
+ public:
+  explicit TimersContext(Environment* env) : m_environment(env) {}
+  bool HasPendingWork() const override;
+
+  /// Adds a timer, or queues its callback at once when the delay is 0. Returns its id, never 0 nor one in
+  /// use.
+  uint32_t Add(v8::Isolate* isolate, v8::Local<v8::Value> callback, int32_t delay, bool recurring);
+
+  /// False when the id belongs to a timer of the other family.
+  bool Clear(uint32_t id, bool recurring);
+
+  /// Charges the time that has passed to every timer, in the order of their ids, and queues what is due.
+  void Pass(int32_t elapsed);
+
+  uint32_t NextTimerId() { return ++m_lastId; }
+
+ private:
+  struct Scope : MutexScope {
+    explicit Scope(const TimersContext* context) : MutexScope(context->m_lock) {}
+  };
+
+  Environment* const m_environment;
+
+  mutable MutexLock m_lock{false};
+  std::map<uint32_t, TimerInfo> m_timers;
+  uint32_t m_lastId = 0;
+};
+
+/// A timer that came due: calls the script's function with the timer's id.
+class Timers::TimerCallback : public CallbackBase {
+ public:
+  TimerCallback(Environment* env, VRefCountedPointer<SafeValue> callback, uint32_t id)
+      : CallbackBase(env, callback), m_id(id) {}
+  void Call() override;
+
+ private:
+  const uint32_t m_id;
+};
+
+}  // namespace vnjs

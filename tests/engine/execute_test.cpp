@@ -1,0 +1,270 @@
+// Results and failures of runs: texts to the letter, hostile scripts, recursion on small stacks, terminated
+// isolates.
+#include <pthread.h>
+
+#include <filesystem>
+
+#include "tests/support/script_test.h"
+
+namespace vnjs::testing {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class ExecuteTest : public ScriptTest {};
+
+TEST_F(ExecuteTest, ResultTexts) {
+  RunAll({
+      {"1+1", "2"},
+      {"'a'", "\"a\""},
+      {"undefined", "undefined"},
+      {"", "undefined"},
+      {"null", "null"},
+      {"(function (a) { return a; })", "function (a) { return a; }"},
+      {"({a: 1, b: [true, null, 'x']})", R"({"a":1,"b":[true,null,"x"]})"},
+      {"({toJSON() { return 5; }})", "5"},
+      {"NaN", "null"},
+      {"'\\u00e4'", "\"\xc3\xa4\""},
+      {"Symbol('s')", ""},
+      {"var c = {}; c.c = c; c", ""},
+      {"({toJSON() { throw new Error('x'); }})", ""},
+      {"new Proxy({}, {ownKeys() { throw 1; }})", ""},
+      {"new Proxy(function () {}, {})", "function () { [native code] }"},
+  });
+  EXPECT_EQ(automation->Run(nullptr, "x").result(), "");
+  EXPECT_FALSE(automation->Run(nullptr, "x").isException());
+  EXPECT_EQ(Run("1", nullptr), "1");
+}
+
+TEST_F(ExecuteTest, TheSameTextRunsAnewEachTime) {
+  for (int i = 1; i <= 3; ++i)
+    EXPECT_EQ(Run("var n = (typeof n === 'number' ? n : 0) + 1; [n]"), "[" + std::to_string(i) + "]");
+  EXPECT_EQ(
+      Run("(function () { try { null.x } catch (e) { return e.stack.split('\\n')[1].trim() } })()", "one.js"),
+      "\"at one.js:1:27\"");
+  EXPECT_EQ(
+      Run("(function () { try { null.x } catch (e) { return e.stack.split('\\n')[1].trim() } })()", "two.js"),
+      "\"at two.js:1:27\"");
+  Run("let once = 1");
+  EXPECT_THAT(Fail("let once = 1"), HasSubstr("'once' has already been declared"));
+  // More texts than are kept compiled, twice round.
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(Run("(" + std::to_string(i) + ")"), std::to_string(i));
+  }
+}
+
+TEST_F(ExecuteTest, ExceptionsAreTextsAndLogLines) {
+  EXPECT_EQ(Fail("\n  throw new Error('x')", "dir/a.js"), "Uncaught Error: x");
+  const RunResult result = automation->Run("\n  throw new Error('x')", "dir/a.js");
+  EXPECT_EQ(result.position().source, "dir/a.js");
+  EXPECT_EQ(result.position().line, 2);
+  EXPECT_EQ(result.position().column, 3);
+  EXPECT_EQ(Fail("throw 'plain'"), "Uncaught plain");
+  EXPECT_EQ(Fail("throw {}"), "Uncaught #<Object>");
+  EXPECT_THAT(LogLines(3), ElementsAre("result: Error: Error: x\n    at dir/a.js:2:9",
+                                       "result: Error: Error: x\n    at dir/a.js:2:9",
+                                       "result: Error: Uncaught plain", "result: Error: Uncaught #<Object>"));
+}
+
+TEST_F(ExecuteTest, CodeThatDoesNotCompile) {
+  const RunResult result = automation->Run("var a;\nvar #;", "b.js");
+  EXPECT_TRUE(result.isException());
+  EXPECT_EQ(result.result(),
+            "JavaScript compilation error: Uncaught SyntaxError: Invalid or unexpected token");
+  EXPECT_EQ(result.position().line, 2);
+  EXPECT_EQ(result.position().column, 5);
+  EXPECT_THAT(LogLines(4),
+              ElementsAre(StartsWith("JavaScript compilation error at b.js:2: SyntaxError: Invalid")));
+}
+
+TEST_F(ExecuteTest, LogsTheFirstLineOfWhatItRuns) {
+  Run("1;\n2;");
+  Run("3");
+  std::vector<std::string> texts;
+  for (const LogLine& line : LinesOf("test")) {
+    EXPECT_EQ(line.level, 1);
+    EXPECT_EQ(line.module, "core");
+    texts.push_back(line.text);
+  }
+  EXPECT_THAT(texts, ElementsAre("Executing script: 1; ...", "Executing script: 3"));
+}
+
+TEST_F(ExecuteTest, FilesRunUnderTheirPath) {
+  folder.Write("f.js", "throw new Error('in file')");
+  const RunResult result = automation->RunFile((dir() + "f.js").c_str());
+  EXPECT_EQ(result.result(), "Uncaught Error: in file");
+  EXPECT_EQ(result.position().source, dir() + "f.js");
+  EXPECT_EQ(automation->RunFile(nullptr).result(), "");
+  EXPECT_EQ(automation->RunFile(dir().c_str()).result(), "undefined");
+  EXPECT_THROW(automation->RunFile((dir() + "none.js").c_str()), VornException);
+}
+
+TEST_F(ExecuteTest, ForgedErrorsAndReplacedGlobals) {
+  RunAll({
+      {"var e = new Error('x'); Object.defineProperty(e, 'stack', {get() { throw 1; }}); throw e",
+       "Uncaught Error: x"},
+      {"var e = new Error('x'); e.stack = {toString() { throw 1; }}; throw e", "Uncaught Error: x"},
+      {"var e = new Error('x'); e.stack = Symbol(); throw e", "Uncaught Error: x"},
+      {"throw {toString() { throw 1; }}", "Uncaught [object Object]"},
+      {"throw Symbol('s')", "Uncaught Symbol(s)"},
+      {"throw null", "Uncaught null"},
+      {"throw new Proxy({}, {get() { throw 1; }, getPrototypeOf() { throw 2; }})", "Uncaught #<Object>"},
+      {"Object.prototype.toString = Error.prototype.toString = function () { throw 1; }; null.x",
+       "Uncaught TypeError: Cannot read properties of null (reading 'x')"},
+      {"JSON = null; 1", ""},
+      {"JSON = {stringify: 1}; 1", ""},
+      {"JSON = {stringify() { throw 1; }}; 1", ""},
+      {"JSON = {stringify() { return {toString() { throw 1; }}; }}; 1", ""},
+      {"Object.defineProperty(this, 'JSON', {get() { throw 1; }}); 1", ""},
+  });
+}
+
+/// Runs on a thread with a stack of that many bytes.
+template <typename Function>
+void OnStack(size_t bytes, Function function) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, bytes);
+  pthread_t thread{};
+  ASSERT_EQ(pthread_create(
+                &thread, &attributes,
+                [](void* data) -> void* {
+                  (*static_cast<Function*>(data))();
+                  return nullptr;
+                },
+                &function),
+            0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+}
+
+const char* const kRecursions[] = {
+    "function f() { f(); } f()",
+    "function g() { executeJS('g()'); } g()",
+    "var o = {get a() { return this.a; }}; o.a",
+    "var p = new Proxy({}, {get(t, k, r) { return r[k]; }}); p.x",
+    "var s = {toString() { return '' + this; }}; '' + s",
+    "function h() { [1].map(h); } h()",
+    "function d() { debugPrint({toString: d}); } d()",
+    "var text = '['.repeat(200000); JSON.parse(text)",
+    "eval('('.repeat(200000))",
+};
+
+TEST_F(ExecuteTest, EndlessRecursionIsAnExceptionOnEveryThread) {
+  for (const size_t kilobytes : {256, 512, 1024, 8192}) {
+    OnStack(kilobytes * 1024, [&] {
+      for (const char* code : kRecursions) automation->Run(code, "test.js");
+      EXPECT_EQ(automation->Run("(function f() { f(); })()", "").result(),
+                "Uncaught RangeError: Maximum call stack size exceeded")
+          << kilobytes;
+    });
+  }
+  EXPECT_EQ(Run("1+1"), "2");
+}
+
+TEST_F(ExecuteTest, EndlessRecursionOnTheWorker) {
+  automation->StartThread();
+  for (const char* code : kRecursions) automation->Run(code, "test.js");
+  EXPECT_EQ(Run("1+1"), "2");
+}
+
+/// Deep in the host's own frames less is left of the stack than the engine assumes.
+int RunDeep(Automation& automation, int depth) {
+  volatile char frame[16 * 1024];
+  frame[0] = static_cast<char>(depth);
+  if (depth == 0) {
+    EXPECT_EQ(automation.Run("(function f() { f(); })()", "").result(),
+              "Uncaught RangeError: Maximum call stack size exceeded");
+    EXPECT_EQ(automation.Run("1+1", "").result(), "2");
+  } else {
+    RunDeep(automation, depth - 1);
+  }
+  return frame[0];
+}
+
+TEST_F(ExecuteTest, RecursionBelowDeepHostFrames) {
+  OnStack(2048 * 1024, [&] {
+    Run("0");
+    RunDeep(*automation, 95);
+  });
+}
+
+/// A callback that tells the engine to terminate what runs.
+class Terminator : public CallbackBase {
+ public:
+  explicit Terminator(Environment* env) : CallbackBase(env, {}) {}
+  void Call() override {
+    m_environment->GetIsolate()->TerminateExecution();
+    v8::Local<v8::Value> ignored;
+    const v8::Local<v8::Context> context = m_environment->GetContext();
+    const auto code = v8::String::NewFromUtf8Literal(m_environment->GetIsolate(), "for (;;) {}");
+    EXPECT_FALSE(v8::Script::Compile(context, code).ToLocalChecked()->Run(context).ToLocal(&ignored));
+  }
+};
+
+TEST_F(ExecuteTest, ATerminatedIsolateGivesAnExceptionAndGoesOn) {
+  v8::Isolate* const isolate = environment()->GetIsolate();
+  isolate->TerminateExecution();
+  EXPECT_EQ(Run("1+1"), "2") << "a termination asked for while nothing ran hits nothing";
+
+  const auto interrupted = [&](const char* code) {
+    automation->GetEnvironment()->PushCallback(new Terminator(environment()));
+    const RunResult result = automation->Run(code, "");
+    EXPECT_TRUE(result.isException()) << code;
+    EXPECT_EQ(result.result(), "Script execution was interrupted") << code;
+    EXPECT_EQ(Run("1+1"), "2");
+  };
+  interrupted("processPendingCallbacks(); for (;;) {}");
+  interrupted("try { processPendingCallbacks(); for (;;) {} } catch (e) {} finally { 1 }");
+  interrupted("executeJS('processPendingCallbacks(); for (;;) {}'); 5");
+  interrupted("try { executeJS('processPendingCallbacks(); for (;;) {}'); } catch (e) {} for (;;) {}");
+  interrupted(
+      "debugPrint({toString() { processPendingCallbacks(); for (;;) {} }}); vornVersion = $vornVersion(); "
+      "for (;;) {}");
+  interrupted("Promise.resolve().then(() => { processPendingCallbacks(); for (;;) {} }); 5");
+  interrupted("({toJSON() { processPendingCallbacks(); for (;;) {} }})");
+
+  automation->GetEnvironment()->PushCallback(new Terminator(environment()));
+  EXPECT_TRUE(automation->ProcessPendingCallbacks());
+  EXPECT_EQ(Run("1+1"), "2");
+  EXPECT_THAT(LogLines(3), Contains("Callback execution error: Script execution was interrupted"));
+}
+
+TEST_F(ExecuteTest, PromisesSettleWhenTheRunEnds) {
+  Run("var log = []; (async function () { log.push('a'); await null; log.push('c'); })(); log.push('b')");
+  EXPECT_EQ(Run("log"), R"(["a","b","c"])");
+  // Handled before the run ends, so nobody needs to hear of it.
+  Run("var p = Promise.reject(new Error('handled')); p.catch(function () {})");
+  Run("for (let i = 0; i < 500; i++) Promise.reject(i).catch(() => {}); 0");
+  Run("Promise.reject(1).then(2).then(3, () => {}); 0");
+  EXPECT_THAT(LogLines(3), IsEmpty());
+  Run("Promise.reject(new Error('lost')); 0", "lost.js");
+  Run("(async () => { throw 'text'; })(); 0");
+  Run("var e = new Error('forged'); Object.defineProperty(e, 'stack', {get() { throw 1; }}); "
+      "Promise.reject(e); 0");
+  Run("executeJS('var q = Promise.reject(1); 0'); q.catch(() => {}); 0");
+  Run("1");
+  EXPECT_THAT(LogLines(3),
+              ElementsAre("Unhandled promise rejection: Error: lost\n    at lost.js:1:16",
+                          "Unhandled promise rejection: text", "Unhandled promise rejection: Error: forged"));
+}
+
+TEST_F(ExecuteTest, AFloodOfRejectionsIsCut) {
+  Run("for (let i = 0; i < 1000; i++) Promise.reject(i); 0");
+  EXPECT_EQ(LogLines(3).size(), 21u);
+  EXPECT_EQ(LogLines(3).back(), "980 more unhandled promise rejections");
+}
+
+TEST_F(ExecuteTest, RejectionsInCallbacksAreReportedAfterEach) {
+  Run("setTimeout(() => { Promise.reject('first'); }, 0); setTimeout(() => { debugPrint('second'); }, 0)");
+  automation->ProcessPendingCallbacks();
+  EXPECT_THAT(LogLines(), ElementsAre("Unhandled promise rejection: first", "second"));
+}
+
+}  // namespace
+}  // namespace vnjs::testing
