@@ -1,0 +1,118 @@
+// What an environment costs beside a bare isolate with a context: one more of them to its first result, and
+// the memory that one holds after 100,000 texts that it had never seen.
+//
+// Each measurement is a process of its own. There the library starts the engine as it does in any host, and
+// the raw contexts are without the library's extensions.
+#include <benchmark/benchmark.h>
+#include <vnjs/vnjs.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench/support/child.h"
+#include "bench/support/median.h"
+#include "bench/support/ratio_reporter.h"
+#include "bench/support/raw_environment.h"
+
+namespace {
+
+using vnjs::Automation;
+using vnjs::bench::Measurement;
+using vnjs::bench::PrivateBytes;
+using vnjs::bench::RawEnvironment;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMore = 20;
+constexpr int kTexts = 100000;
+
+struct Ours {
+  static void Start() {}
+  std::string Run(const char* code) { return automation.Run(code, "bench.js").result(); }
+  Automation automation{"."};
+};
+
+struct Raw {
+  static void Start() { vnjs::bench::StartEngine(); }
+  std::string Run(const char* code) { return environment.Run(code, "bench.js"); }
+  RawEnvironment environment;
+};
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+/// Ends the child, so that no row is made of wrong results.
+void Require(bool condition) {
+  if (!condition) abort();
+}
+
+/// One more beside a first one that started the engine, as the median of twenty that are all kept alive.
+template <typename Environment>
+Measurement OneMore() {
+  std::vector<std::unique_ptr<Environment>> alive;
+  const auto add = [&] {
+    alive.push_back(std::make_unique<Environment>());
+    Require(alive.back()->Run("1+1") == "2");
+  };
+  Environment::Start();
+  add();
+  const size_t bytes = PrivateBytes();
+  std::vector<double> seconds;
+  for (int i = 0; i < kMore; ++i) {
+    const Clock::time_point start = Clock::now();
+    add();
+    seconds.push_back(SecondsSince(start));
+  }
+  return {vnjs::bench::Median(seconds), static_cast<double>(PrivateBytes() - bytes) / kMore};
+}
+
+/// The object script of the other programs, each time with another number in it.
+std::vector<std::string> MakeTexts() {
+  std::vector<std::string> texts;
+  for (int i = 0; i < kTexts; ++i) {
+    texts.push_back("var o = {a: " + std::to_string(i) + ", b: \"text\", c: [1, 2, 3]}; o.a += 41; o");
+  }
+  return texts;
+}
+
+/// The time of one text, and all the memory that came with the engine, the environment and the texts it ran.
+template <typename Environment>
+Measurement NewTexts() {
+  const std::vector<std::string> texts = MakeTexts();
+  const size_t bytes = PrivateBytes();
+  Environment::Start();
+  const auto environment = std::make_unique<Environment>();
+  std::string result;
+  const Clock::time_point start = Clock::now();
+  for (const std::string& text : texts) result = environment->Run(text.c_str());
+  const double seconds = SecondsSince(start);
+  Require(result == R"({"a":100040,"b":"text","c":[1,2,3]})");
+  return {seconds / kTexts, static_cast<double>(PrivateBytes() - bytes)};
+}
+
+void AddRow(const char* name, int repetitions, Measurement (*measure)()) {
+  const auto body = [measure](benchmark::State& state) {
+    for (auto _ : state) vnjs::bench::MeasureInChild(state, measure);
+  };
+  benchmark::RegisterBenchmark(name, body)
+      ->Iterations(1)
+      ->Repetitions(repetitions)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  AddRow("One more environment/ours", 31, OneMore<Ours>);
+  AddRow("One more environment/raw", 31, OneMore<Raw>);
+  AddRow("Run new text/ours", 9, NewTexts<Ours>);
+  AddRow("Run new text/raw", 9, NewTexts<Raw>);
+  return vnjs::bench::RunBenchmarks(argc, argv,
+                                    {{"One more environment", 1.5},
+                                     {"One more environment", 1.5, "memory"},
+                                     {"Run new text", 1.15},
+                                     {"Run new text", 1.2, "memory"}});
+}
