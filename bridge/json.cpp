@@ -74,6 +74,8 @@ v8::Local<v8::Value> JsonStringifier::Stringify(v8::Local<v8::Context> context,
   }
   if (m_original != stringify) return CallStringify(context, json, stringify, value);
 
+  // An integer's JSON is its own text.
+  if (value->IsInt32()) return value;
   v8::Local<v8::String> text;
   if (!v8::JSON::Stringify(context, value).ToLocal(&text)) return {};
   // What JSON cannot say comes as the bare word; a string of that text would be quoted.

@@ -13,8 +13,8 @@ class JsonStringifier {
   /// Remembers the engine's own `JSON.stringify`. Inside the context, before any script runs in it.
   void Prepare(v8::Local<v8::Context> context);
 
-  /// The same result as JSON_stringify's. As long as the script has left `JSON.stringify` alone, without
-  /// calling it.
+  /// A value with the text of JSON_stringify's result. As long as the script has left `JSON.stringify` alone,
+  /// without calling it.
   v8::Local<v8::Value> Stringify(v8::Local<v8::Context> context, v8::Local<v8::Value> value) const;
   void Clear();
 

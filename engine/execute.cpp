@@ -1,6 +1,8 @@
 #include <unistd.h>
 #include <vnjs/value.h>
 
+#include <algorithm>
+
 #include "bridge/native.h"
 #include "engine/environment_impl.h"
 #include "engine/failure.h"
@@ -111,7 +113,9 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
 
 void EnvironmentImpl::LogExecuting(const std::string& code) {
   const size_t end = code.find('\n');
-  std::string line = "Executing script: ";
+  std::string line;
+  line.reserve(32 + std::min(end, code.size()));
+  line = "Executing script: ";
   line.append(code, 0, end);
   if (end != std::string::npos) line += " ...";
   Log(1, line, nullptr);

@@ -32,7 +32,8 @@ v8::MaybeLocal<v8::Script> ScriptStore::Compile(v8::Local<v8::Context> context, 
                                                 const std::string& source) {
   if (text.size() > kLongestText) return CompileNow(context, text, source);
 
-  const size_t hash = std::hash<std::string>()(text);
+  const std::hash<std::string> hashOf;
+  const size_t hash = hashOf(text) + 31 * hashOf(source);
   Entry* place = &m_entries[0];
   ++m_uses;
   for (Entry& entry : m_entries) {
