@@ -13,6 +13,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "host/runner.h"
@@ -102,7 +103,8 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
 
 /// Whether every file can be read is asked before the first one runs.
 void CheckFile(const std::string& path) {
-  if (std::filesystem::is_directory(path)) throw UsageError(path + ": " + strerror(EISDIR));
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) throw UsageError(path + ": " + strerror(EISDIR));
   if (access(path.c_str(), R_OK) != 0) throw UsageError(path + ": " + strerror(errno));
 }
 

@@ -186,6 +186,7 @@ TEST_F(CliTest, RefusesWhatCannotBeDoneBeforeAnythingRuns) {
       {{"run", "a.js", "--storage", "file"}, "vnjs: cannot make the folder file/storage: Not a directory\n"},
       {{"run", "a.js", "missing.js"}, "vnjs: missing.js: No such file or directory\n"},
       {{"run", "a.js", "dir"}, "vnjs: dir: Is a directory\n"},
+      {{"run", "a.js", std::string(5000, 'x')}, "xxx: File name too long\n"},
   };
   for (const auto& test : cases) {
     const Outcome outcome = Vnjs(test.arguments);
