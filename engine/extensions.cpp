@@ -1,6 +1,8 @@
 #include "engine/extensions.h"
 
 #include "modules/core/core.h"
+#include "modules/fs/file_system.h"
+#include "modules/system/system.h"
 #include "modules/timers/timers.h"
 
 namespace vnjs {
@@ -11,6 +13,8 @@ namespace {
 constexpr void (*kExtensions[])() = {
     &Core::Register,
     &Timers::Register,
+    &System::Register,
+    &FileSystem::Register,
 };
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vnjs/host.h>
 #include <vnjs/lock.h>
 #include <vnjs/module.h>
+#include <vnjs/process.h>
 #include <vnjs/refcount.h>
 #include <vnjs/result.h>
 #include <vnjs/thread.h>
