@@ -9,19 +9,9 @@
 #include <new>
 #include <stdexcept>
 
+#include "bridge/c_resource.h"
+
 namespace vnjs {
-
-namespace {
-
-struct CloseFile {
-  void operator()(FILE* file) const { fclose(file); }
-};
-
-struct FreeText {
-  void operator()(char* text) const { free(text); }
-};
-
-}  // namespace
 
 std::string ReadFile(const char* path) {
   if (path == nullptr || *path == '\0') return {};
@@ -29,13 +19,13 @@ std::string ReadFile(const char* path) {
 
   struct stat status {};
   if (stat(path, &status) != 0) {
-    const std::unique_ptr<char, FreeText> reason(sys_last_err_string());
+    const TextPointer reason(sys_last_err_string());
     throw VornException(failure + " " + (reason ? reason.get() : ""));
   }
   if (S_ISDIR(status.st_mode)) return {};
 
   // Closed on exec: a command started on another thread must not inherit it.
-  const std::unique_ptr<FILE, CloseFile> file(fopen(path, "rbe"));
+  const FilePointer file(fopen(path, "rbe"));
   if (!file) throw VornException(failure);
   fseeko(file.get(), 0, SEEK_END);
   const off_t size = ftello(file.get());

@@ -22,6 +22,10 @@ native function executeJS();
 
 native function executeFile();
 
+native function loadObject();
+
+native function saveObject();
+
 native function $vornVersion();
 var vornVersion = $vornVersion();
 
@@ -37,6 +41,7 @@ var evalPath = {
   }
 }.evalPath;
 
+native function NameValueDictionary();
 )";
 
 namespace {
@@ -109,9 +114,12 @@ const NativeEntry Core::kNatives[] = {
     {"debugPrint", Native<&Core::DebugPrint>},
     {"executeJS", Native<&Core::ExecuteJS>},
     {"executeFile", Native<&Core::ExecuteFile>},
+    {"saveObject", Native<&Core::SaveObject>},
+    {"loadObject", Native<&Core::LoadObject>},
     {"exit", Native<&Core::Exit>},
     {"$vornVersion", Native<&Core::VornVersion>},
     {"processPendingCallbacks", Native<&Core::ProcessPendingCallbacks>},
+    {"NameValueDictionary", Native<&Core::NameValueDictionary>, NativeEntry::kConstructor},
 };
 
 v8::Local<v8::FunctionTemplate> Core::GetFunction(Environment* env, v8::Isolate* isolate, std::string name) {

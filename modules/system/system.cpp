@@ -15,6 +15,7 @@
 #include <memory>
 #include <string_view>
 
+#include "bridge/c_resource.h"
 #include "bridge/native.h"
 #include "engine/registration.h"
 #include "modules/system/descriptor.h"
@@ -31,10 +32,6 @@ constexpr time_t kLimitSeconds = 20;
 constexpr size_t kChunk = 256;
 
 [[noreturn]] void ThrowSystemError(int error) { throw VornException(strerror(error)); }
-
-struct CloseFile {
-  void operator()(FILE* file) const { fclose(file); }
-};
 
 /// A buffer for getline.
 struct Line {
@@ -55,7 +52,7 @@ bool IsAllowed(const std::string& policy, const std::string& command) {
   if (status.st_size <= 0) return false;
 
   // Closed on exec: a command started on another thread must not inherit it.
-  const std::unique_ptr<FILE, CloseFile> file(fopen(policy.c_str(), "re"));
+  const FilePointer file(fopen(policy.c_str(), "re"));
   if (!file) ThrowSystemError(errno);
   Line line;
   for (;;) {

@@ -1,0 +1,193 @@
+// Stored objects: wrong file names, values lost or half written, errors that scripts do not see or see in
+// other words, and descriptors left open. What happens when a save is cut short is the business of
+// storage_faults.
+#include <algorithm>
+#include <filesystem>
+#include <thread>
+
+#include "tests/modules/descriptors.h"
+#include "tests/support/script_test.h"
+
+namespace vnjs::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr char kState[] = "storage/state-9ed39e2ea931586b6a985a6942ef573e.json";
+
+class ObjectStorageTest : public ScriptTest {
+ protected:
+  /// The names in the folder, in alphabetical order.
+  std::vector<std::string> Files() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir() + "storage")) {
+      names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+};
+
+TEST_F(ObjectStorageTest, KeepsObjectsUnderNamesMadeOfLettersDigitsAndDigest) {
+  Run(R"(saveObject('My lamp, 2nd floor!', 1); saveObject('...', 2); saveObject('\u00dcn\u00ef', 3);
+         saveObject('state', {b: [1, 'x', null], a: undefined}); saveObject('STATE', '\u00e9\ud83d\ude00'))");
+  EXPECT_THAT(Files(), ElementsAre("-2f43b42fd833d1e77420a8dae7419000.json",
+                                   "Mylamp2ndfloor-7f5b2c307b0a60ffce1a54e8fb59d36a.json",
+                                   "STATE-2b848a8cc886d253d21a77c43cd50aae.json",
+                                   "n-4d0f201bd997eaf4ab8a93531b0cf6cf.json",
+                                   "state-9ed39e2ea931586b6a985a6942ef573e.json"));
+  EXPECT_EQ(folder.Read(kState), R"({"b":[1,"x",null]})");
+  RunAll({
+      {"loadObject('state')", R"({"b":[1,"x",null]})"},
+      {"loadObject('STATE') === '\\u00e9\\ud83d\\ude00'", "true"},
+      {"[loadObject('...'), loadObject('My lamp, 2nd floor!'), loadObject('\\u00dcn\\u00ef')]", "[2,1,3]"},
+      {"loadObject('State')", "null"},
+  });
+}
+
+TEST_F(ObjectStorageTest, SavingWhatJsonDoesNotRepresentRemovesTheObject) {
+  for (const char* value : {"null", "undefined", "function () {}", "Symbol()", "{toJSON() {}}"}) {
+    EXPECT_EQ(Run("saveObject('state', {})"), "undefined");
+    const std::string remove = "saveObject('state', " + std::string(value) + ")";
+    EXPECT_EQ(Run(remove), "undefined") << value;
+    EXPECT_THAT(Files(), IsEmpty()) << value;
+    EXPECT_EQ(Run(remove), "undefined") << value;
+  }
+}
+
+TEST_F(ObjectStorageTest, WhatStringificationThrowsReachesTheScriptAndTheObjectIsRemoved) {
+  for (const auto& [value, message] : std::vector<Case>{
+           {"(function (o) { return o.self = o; })({})", "TypeError: Converting circular structure to JSON"},
+           {"{get broken() { throw new RangeError('mine'); }}", "RangeError: mine"},
+           {"10n", "TypeError: Do not know how to serialize a BigInt"},
+           {"{toJSON() { saveObject('state', 'inner'); throw 'out'; }}", "out"},
+       }) {
+    Run("saveObject('state', 1)");
+    EXPECT_EQ(Run(std::string("try { saveObject('state', ") + value +
+                  ") } catch (e) { String(e).split('\\n')[0] }"),
+              '"' + std::string(message) + '"');
+    EXPECT_THAT(Files(), IsEmpty()) << value;
+  }
+}
+
+TEST_F(ObjectStorageTest, ValuesComeBackWhole) {
+  RunAll({
+      // A save inside a save is complete before the outer one begins to write.
+      {"saveObject('state', {toJSON() { saveObject('state', 'inner'); return [loadObject('state')]; }}); "
+       "loadObject('state')",
+       "[\"inner\"]"},
+      {R"(saveObject('state', 'a\0b\ud800"\\\n'); loadObject('state') === 'a\0b\ud800"\\\n')", "true"},
+      {"saveObject('state', {__proto__: null, ['__proto__']: 1, '': 2}); Object.keys(loadObject('state'))",
+       "[\"__proto__\",\"\"]"},
+      {"var big = 'x\\u20ac'.repeat(4 << 20); saveObject('state', [big]); loadObject('state')[0] === big",
+       "true"},
+      {"saveObject('state', ''); loadObject('state')", "\"\""},
+  });
+}
+
+TEST_F(ObjectStorageTest, RefusesOtherArguments) {
+  for (const char* call : {"saveObject()", "saveObject('state')", "saveObject('state', 1, 2)",
+                           "saveObject(5, 1)", "saveObject('', 1)", "saveObject(new String('state'), 1)",
+                           "saveObject('\\0state', 1)", "loadObject()", "loadObject('')",
+                           "loadObject('state', 1)", "loadObject(new String('state'))", "loadObject(null)"}) {
+    EXPECT_EQ(Run(std::string("try { ") + call + " } catch (e) { [e.constructor === Error, e.message] }"),
+              "[true,\"Invalid arguments\"]")
+        << call;
+  }
+  EXPECT_THAT(Files(), IsEmpty());
+}
+
+TEST_F(ObjectStorageTest, LoadsOnlyUpToTheFirstZeroByte) {
+  using namespace std::string_literals;
+  folder.Write(kState, "");
+  EXPECT_EQ(Run("loadObject('state')"), "null");
+  folder.Write(kState, "[1]\0,garbage"s);
+  EXPECT_EQ(Run("loadObject('state')"), "[1]");
+  for (const std::string& text : {"\0[1]"s, "{\"a\":"s, "nonsense"s}) {
+    folder.Write(kState, text);
+    EXPECT_EQ(Run("try { loadObject('state') } catch (e) { e.constructor === SyntaxError }"), "true");
+    EXPECT_EQ(folder.Read(kState), text);
+  }
+}
+
+TEST_F(ObjectStorageTest, FailedSystemCallsReachTheScriptByName) {
+  const auto message = [&](const std::string& call) {
+    return Run("try { " + call + "; 'none' } catch (e) { [e.constructor === Error, e.message] }");
+  };
+  const std::string state = dir() + kState;
+  std::filesystem::create_directories(state + "/inside");
+  for (const char* call : {"saveObject('state', 1)", "loadObject('state')"}) {
+    EXPECT_EQ(message(call), R"([true,"Is a directory"])") << call;
+  }
+  EXPECT_EQ(message("saveObject('state', null)"), R"([true,"Directory not empty"])");
+  EXPECT_THAT(Files(), ElementsAre(state.substr(state.rfind('/') + 1)));
+
+  for (const char* call : {"saveObject('n'.repeat(300), 1)", "saveObject('n'.repeat(300), null)",
+                           "loadObject('n'.repeat(300))"}) {
+    EXPECT_EQ(message(call), R"([true,"File name too long"])") << call;
+  }
+
+  std::filesystem::remove_all(state);
+  Run("saveObject('state', 'old')");
+  std::filesystem::create_directory(state + ".tmp");
+  EXPECT_EQ(message("saveObject('state', 1)"), R"([true,"Is a directory"])");
+  EXPECT_EQ(Run("loadObject('state')"), "\"old\"");
+
+  std::filesystem::remove_all(dir() + "storage");
+  folder.Write("storage", "a file");
+  for (const char* call : {"saveObject('state', 1)", "saveObject('state', null)", "loadObject('state')"}) {
+    EXPECT_EQ(message(call), R"([true,"Not a directory"])") << call;
+  }
+}
+
+TEST_F(ObjectStorageTest, WithoutTheFolderSavingOnlyPrintsALine) {
+  std::filesystem::remove(dir() + "storage");
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(Run("saveObject('state', 1)"), "undefined");
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "failed to open " + dir() + kState + ".tmp for writing\n");
+  EXPECT_EQ(Run("saveObject('state', null); loadObject('state')"), "null");
+  EXPECT_FALSE(std::filesystem::exists(dir() + "storage"));
+  EXPECT_THAT(LogLines(), IsEmpty());
+}
+
+TEST_F(ObjectStorageTest, RemainsOfAnInterruptedSaveAreNoHindrance) {
+  folder.Write(std::string(kState) + ".tmp", std::string(100000, '{'));
+  EXPECT_EQ(Run("[loadObject('state'), saveObject('state', [7]), loadObject('state')]"), "[null,null,[7]]");
+  EXPECT_EQ(Files().size(), 1);
+}
+
+TEST_F(ObjectStorageTest, AScriptThatIsEndedWhileItsValueIsReadKeepsTheOldObject) {
+  Run("saveObject('state', 'old')");
+  std::thread other([&] {
+    EXPECT_TRUE(WaitUntil([&] { return !LogLines().empty(); }));
+    environment()->GetIsolate()->TerminateExecution();
+  });
+  Fail("saveObject('state', {toJSON() { debugPrint('here'); for (;;); }})");
+  other.join();
+  EXPECT_EQ(Run("loadObject('state')"), "\"old\"");
+}
+
+TEST_F(ObjectStorageTest, LeavesNoDescriptorOpen) {
+  const std::string all = R"(for (var i = 0; i < 20; ++i) {
+    saveObject('state', i); loadObject('state'); saveObject('state', null); loadObject('state');
+    try { saveObject('folder', 1); } catch (e) {}
+    try { loadObject('folder'); } catch (e) {}
+    try { loadObject('bad'); } catch (e) {}
+  })";
+  Run("saveObject('folder', 1); saveObject('bad', 1)");
+  for (const std::string& name : Files()) {
+    if (name[0] == 'b') folder.Write("storage/" + name, "{");
+    if (name[0] != 'f') continue;
+    std::filesystem::remove(dir() + "storage/" + name);
+    std::filesystem::create_directory(dir() + "storage/" + name);
+  }
+  Run(all);
+  const std::ptrdiff_t before = OpenDescriptors();
+  Run(all);
+  EXPECT_EQ(OpenDescriptors(), before);
+}
+
+}  // namespace
+}  // namespace vnjs::testing
