@@ -77,9 +77,9 @@ bool RawSave(const RawEnvironment& raw, const std::string& folder, const char* v
          (!flushFolder || Flush(folder.c_str(), O_RDONLY | O_DIRECTORY));
 }
 
-bool RawLoad(const RawEnvironment& raw, const std::string& folder) {
+bool RawLoad(const RawEnvironment& raw, const std::string& path) {
   const RawScope scope(raw);
-  const int file = open((folder + "raw.json").c_str(), O_RDONLY | O_CLOEXEC);
+  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat status {};
   if (fstat(file, &status) != 0) return false;
   std::string text(static_cast<size_t>(status.st_size), '\0');
@@ -155,11 +155,11 @@ int main(int argc, char** argv) {
     }
   }
 
-  constexpr int kLoads = 200;
+  constexpr int kLoads = 1000;
   Repeat(ours, 1, "saveObject('small', small)");
-  RawSave(raw, folder, "small", false);
+  const std::string saved = std::filesystem::directory_iterator(storage)->path();
   AddRow("load 1 KB/ours", kLoads, [&] { return Repeat(ours, kLoads, "loadObject('small')"); });
-  AddRow("load 1 KB/raw", kLoads, [&] { return Repeat(kLoads, [&] { return RawLoad(raw, folder); }); });
+  AddRow("load 1 KB/raw", kLoads, [&] { return Repeat(kLoads, [&] { return RawLoad(raw, saved); }); });
 
   const int status = vnjs::bench::RunBenchmarks(argc, argv,
                                                 {{"save 1 KB, folder flushed", 1.1},

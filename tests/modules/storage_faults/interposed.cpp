@@ -64,9 +64,6 @@ int TraceOpen(int (*real)(const char*, int, ...), const char* path, int flags, m
   return folder = Traced("open", -1, [&] { return real(path, flags, mode); });
 }
 
-/// The third argument of open, which is only there when a file may be made.
-mode_t Mode(int flags, va_list arguments) { return (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0; }
-
 }  // namespace
 
 void Arm(const Fault& fault, Trace* where) {
@@ -144,19 +141,25 @@ int remove(const char* path) noexcept {
 
 int open(const char* path, int flags, ...) {
   static int (*const real)(const char*, int, ...) = Real("open", &open);
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = Mode(flags, arguments);
-  va_end(arguments);
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
   return TraceOpen(real, path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...) {
   static int (*const real)(const char*, int, ...) = Real("open64", &open64);
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = Mode(flags, arguments);
-  va_end(arguments);
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
   return TraceOpen(real, path, flags, mode);
 }
 
