@@ -90,8 +90,8 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
   AddCommonOptions(run, options);
   run->footer(
       "DIR is the first file's folder when not given; DIR/storage is made.\n"
-      "Ends when no timer is left, on exit() and on Ctrl-C; a second Ctrl-C\n"
-      "also ends a script that is busy.");
+      "Ends when no timer is left, on exit() and on Ctrl-C, which interrupts a\n"
+      "script that is busy after a second; a second Ctrl-C ends at once.");
 
   CLI::App* const eval = app.add_subcommand("eval", "Run code, print its result and end");
   eval->add_option("CODE", options.code, "The code, put after -- when it begins with a dash")
@@ -137,9 +137,11 @@ ExitStatus Execute(const CLI::App& app, const Options& options) {
   for (const std::string& path : options.files) CheckFile(path);
   const bool run = app.got_subcommand("run");
   const std::string storageDir = PrepareStorage(options);
-  if (run) StopOnSignals();
   Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded);
-  if (run) return RunFiles(runner, options);
+  if (run) {
+    runner.StopOnSignals();
+    return RunFiles(runner, options);
+  }
   return runner.Evaluate(options.code) ? kFine : kFailed;
 }
 

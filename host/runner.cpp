@@ -1,5 +1,7 @@
 #include "host/runner.h"
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -13,11 +15,21 @@ namespace {
 std::atomic<bool> stopRequested{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler writes it");
 
-extern "C" void RequestStop(int signal) { stopRequested = true; }
+/// Wakes the thread that ends what is running; a signal handler cannot do that itself.
+sem_t stopSignalled;
+
+constexpr std::chrono::milliseconds kGrace(1000);
+constexpr std::chrono::milliseconds kStep(20);
+
+extern "C" void RequestStop(int signal) {
+  stopRequested = true;
+  sem_post(&stopSignalled);
+}
 
 /// False for a failed script, whose text goes to standard error, after its place as far as that is known.
 bool Report(const RunResult& result, const std::string& source) {
   if (!result.isException()) return true;
+  if (stopRequested && result.result() == "Script execution was interrupted") return true;
   const ScriptPosition position = result.position();
   std::string text = source;
   if (!position.source.empty()) {
@@ -38,6 +50,38 @@ Runner::Runner(const std::string& storageDir, LogLevel level, bool threaded)
   if (threaded) m_automation.StartThread();
 }
 
+Runner::~Runner() {
+  if (!m_watcher.joinable()) return;
+  // While somebody still interrupts what the worker runs.
+  m_automation.StopThread();
+  m_done = true;
+  sem_post(&stopSignalled);
+  m_watcher.join();
+}
+
+void Runner::StopOnSignals() {
+  sem_init(&stopSignalled, 0, 0);
+  m_watcher = std::thread(&Runner::InterruptWhenSignalled, this);
+  struct sigaction action {};
+  action.sa_handler = RequestStop;
+  // Reset: what cannot be interrupted, as a shell command cannot, still ends when the signal is sent again.
+  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+void Runner::InterruptWhenSignalled() {
+  while (sem_wait(&stopSignalled) != 0) {
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  for (; !m_done; std::this_thread::sleep_for(kStep)) {
+    // More than once: when one script has ended, a callback may be the next that does not.
+    if (std::chrono::steady_clock::now() - begin > kGrace) {
+      m_automation.GetEnvironment()->GetIsolate()->TerminateExecution();
+    }
+  }
+}
+
 bool Runner::RunFile(const std::string& path) { return Report(m_automation.RunFile(path.c_str()), path); }
 
 bool Runner::Evaluate(const std::string& code) {
@@ -56,15 +100,6 @@ void Runner::Pump(double seconds) {
 }
 
 bool Runner::IsStopped() const { return stopRequested || m_automation.IsTerminating(); }
-
-void StopOnSignals() {
-  struct sigaction action {};
-  action.sa_handler = RequestStop;
-  // Reset: a script that does not come to its end can still be stopped by sending the signal again.
-  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
 
 bool PrintText(const std::string& text) {
   const bool written = fwrite(text.data(), 1, text.size(), stdout) == text.size();

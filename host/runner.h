@@ -2,8 +2,10 @@
 
 #include <vnjs/automation.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
+#include <thread>
 
 #include "host/host_functions.h"
 
@@ -14,12 +16,20 @@ namespace vnjs::host {
 ///
 /// Threads:  the main thread's only. With `threaded`, scripts run on the environment's worker.
 /// Failures: a script that fails is reported on standard error, like a compiler does it; see each operation.
-/// Ending:   SIGINT and SIGTERM ask it to stop once what is running has ended. A second one of the same kind
-///           ends the process as if nobody had cared for it.
+/// Ending:   SIGINT and SIGTERM ask it to stop: no further script or callback begins, and what is running is
+///           interrupted when it has not ended within a second. A second signal of the same kind ends the
+///           process as if nobody had cared for it.
 class Runner {
  public:
   /// Throws VornException when there can be no context or no worker.
   Runner(const std::string& storageDir, LogLevel level, bool threaded);
+
+  ~Runner();
+  Runner(const Runner&) = delete;
+  Runner& operator=(const Runner&) = delete;
+
+  /// Lets SIGINT and SIGTERM stop it from now on. Once per process.
+  void StopOnSignals();
 
   /// Runs one file. False when the script failed. Throws VornException when the file cannot be read.
   bool RunFile(const std::string& path);
@@ -37,11 +47,12 @@ class Runner {
 
  private:
   const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-  Automation m_automation;
-};
+  void InterruptWhenSignalled();
 
-/// Lets SIGINT and SIGTERM stop the process's Runner. The second one of a kind ends the process at once.
-void StopOnSignals();
+  Automation m_automation;
+  std::atomic<bool> m_done{false};
+  std::thread m_watcher;
+};
 
 /// Writes all of `text` to standard output. False when that failed, which is reported on standard error.
 bool PrintText(const std::string& text);

@@ -370,6 +370,14 @@ TEST_P(CliRunTest, EndsCleanlyOnASignal) {
   }
 }
 
+TEST_P(CliRunTest, ASignalInterruptsABusyScript) {
+  Program program(folder,
+                  Run("setInterval(function () { for (;;) {} }, 5); debugPrint('ready'); for (;;) {}"));
+  EXPECT_TRUE(WaitUntil([&] { return program.Err().find("ready") != std::string::npos; }));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), kFine);
+}
+
 TEST_P(CliRunTest, ASecondSignalEndsABusyScript) {
   Program program(folder, Run("debugPrint('ready'); for (;;) {}"));
   EXPECT_TRUE(WaitUntil([&] { return program.Err().find("ready") != std::string::npos; }));
