@@ -13,7 +13,7 @@ v8::Local<v8::String> Key(v8::Isolate* isolate, const char* text) {
       .FromMaybe(v8::String::Empty(isolate));
 }
 
-/// Replaces whatever a getter threw by a message of ours; a termination stays what it is.
+/// Replaces whatever a getter threw by a message of ours. A termination stays what it is.
 void Refuse(v8::Isolate* isolate, v8::TryCatch& caught, const char* message) {
   if (!caught.HasTerminated()) {
     caught.Reset();
@@ -22,19 +22,22 @@ void Refuse(v8::Isolate* isolate, v8::TryCatch& caught, const char* message) {
   caught.ReThrow();
 }
 
-/// The script's `JSON` and its `stringify`, both read anew each time: the script may have put its own in
-/// their places, or getters. False, with an exception pending, when there is no function to call.
+/// The script's `JSON` and its `stringify`, both read anew each time: the script may have put its own in their
+/// places, or getters. False, with an exception pending, when there is no function to call; `terminated` tells of
+/// the one kind of exception that does not reach a TryCatch around this when no script is running.
 bool FindStringify(v8::Local<v8::Context> context, v8::Local<v8::Object> global,
                    v8::Local<v8::String> jsonKey, v8::Local<v8::String> stringifyKey,
-                   v8::Local<v8::Object>* json, v8::Local<v8::Value>* stringify) {
+                   v8::Local<v8::Object>* json, v8::Local<v8::Value>* stringify, bool* terminated) {
   v8::Isolate* const isolate = context->GetIsolate();
   v8::TryCatch caught(isolate);
   v8::Local<v8::Value> found;
   if (!global->Get(context, jsonKey).ToLocal(&found) || !found->ToObject(context).ToLocal(json)) {
+    *terminated = caught.HasTerminated();
     Refuse(isolate, caught, "No JSON object found in global scope");
     return false;
   }
   if (!(*json)->Get(context, stringifyKey).ToLocal(stringify) || !(*stringify)->IsFunction()) {
+    *terminated = caught.HasTerminated();
     Refuse(isolate, caught, "No stringify function found in JSON object");
     return false;
   }
@@ -54,22 +57,23 @@ void JsonStringifier::Prepare(v8::Local<v8::Context> context) {
   m_stringify.Reset(isolate, Key(isolate, "stringify"));
   v8::Local<v8::Object> json;
   v8::Local<v8::Value> stringify;
+  bool terminated = false;
   const v8::TryCatch caught(isolate);
   // A function that has a script is the work of somebody else's extension.
   if (FindStringify(context, context->Global(), m_json.Get(isolate), m_stringify.Get(isolate), &json,
-                    &stringify) &&
+                    &stringify, &terminated) &&
       stringify.As<v8::Function>()->ScriptId() == v8::UnboundScript::kNoScriptId) {
     m_original.Reset(isolate, stringify);
   }
 }
 
-v8::Local<v8::Value> JsonStringifier::Stringify(v8::Local<v8::Context> context,
-                                                v8::Local<v8::Value> value) const {
+v8::Local<v8::Value> JsonStringifier::Stringify(v8::Local<v8::Context> context, v8::Local<v8::Value> value,
+                                                bool* terminated) const {
   v8::Isolate* const isolate = context->GetIsolate();
   v8::Local<v8::Object> json;
   v8::Local<v8::Value> stringify;
   if (!FindStringify(context, context->Global(), m_json.Get(isolate), m_stringify.Get(isolate), &json,
-                     &stringify)) {
+                     &stringify, terminated)) {
     return {};
   }
   if (m_original != stringify) return CallStringify(context, json, stringify, value);
@@ -92,11 +96,16 @@ void JsonStringifier::Clear() {
 v8::Local<v8::Value> JSON_stringify(v8::Isolate* isolate, v8::Local<v8::Value> value) {
   Environment* const environment = GetEnvironment(isolate);
   const v8::Local<v8::Context> context = isolate->GetCurrentContext();
-  const v8::Local<v8::Object> global = environment == nullptr ? context->Global() : environment->GetGlobal();
+  const v8::Local<v8::Object> global = environment == nullptr || environment->GetContext().IsEmpty()
+                                           ? context->Global()
+                                           : environment->GetGlobal();
   v8::Local<v8::Object> json;
   v8::Local<v8::Value> stringify;
-  if (!FindStringify(context, global, Key(isolate, "JSON"), Key(isolate, "stringify"), &json, &stringify))
+  bool terminated = false;
+  if (!FindStringify(context, global, Key(isolate, "JSON"), Key(isolate, "stringify"), &json, &stringify,
+                     &terminated)) {
     return {};
+  }
   return CallStringify(context, json, stringify, value);
 }
 

@@ -13,9 +13,10 @@ class JsonStringifier {
   /// Remembers the engine's own `JSON.stringify`. Inside the context, before any script runs in it.
   void Prepare(v8::Local<v8::Context> context);
 
-  /// A value with the text of JSON_stringify's result. As long as the script has left `JSON.stringify` alone,
-  /// without calling it.
-  v8::Local<v8::Value> Stringify(v8::Local<v8::Context> context, v8::Local<v8::Value> value) const;
+  /// A value with the text of JSON_stringify's result. As long as the script has left `JSON.stringify` alone, without
+  /// calling it. Sets `terminated` when the script was ended from outside while it was asked for that function.
+  v8::Local<v8::Value> Stringify(v8::Local<v8::Context> context, v8::Local<v8::Value> value,
+                                 bool* terminated) const;
   void Clear();
 
  private:

@@ -55,25 +55,25 @@ void EnvironmentImpl::CreateContext() {
     }
   }
   if (created) return;
-  ReleaseScriptState();
+  // The sources that ran may have started threads and made a logger.
+  End();
   throw VornException("Cannot create script context");
 }
 
-EnvironmentImpl::~EnvironmentImpl() {
-  // 1. From here on callbacks, threads and variables are refused, and callers that wait for the worker give
-  // up.
+EnvironmentImpl::~EnvironmentImpl() { End(); }
+
+void EnvironmentImpl::End() {
+  // 1. From here on callbacks, threads and variables are refused, and callers that wait for the worker give up.
   m_terminating = true;
   m_ending = true;
 
-  // 2. The worker ends at its next test. Afterwards only callers inside Run or ProcessPendingCallbacks and
-  // the
+  // 2. The worker ends at its next test. Afterwards only callers inside Run or ProcessPendingCallbacks and the
   //    named threads can still touch this object.
   StopThread();
   JoinWorker();
-  while (m_callers > 0) usleep(1000);
 
-  // 3. Named threads poll their flag. They are joined outside the lock, which they may be waiting for;
-  // requests
+  // 3. Named threads poll their flag. They are told before callers are waited for, because they may be callers
+  //    that come again and again; and they are joined outside the lock, which they may be waiting for. Requests
   //    for new ones are refused, so the table stays empty.
   std::map<std::string, VRefCountedPointer<Thread>> threads;
   {
@@ -81,6 +81,7 @@ EnvironmentImpl::~EnvironmentImpl() {
     threads.swap(m_threads);
   }
   for (auto& [name, thread] : threads) thread->SetTerminating();
+  while (m_callers > 0) usleep(1000);
   for (auto& [name, thread] : threads) {
     try {
       thread->Join();
@@ -94,7 +95,7 @@ EnvironmentImpl::~EnvironmentImpl() {
   ReleaseScriptState();
 
   // 6. Last, because any step may have logged.
-  if (m_logger != nullptr) vlog_close(m_logger);
+  SetLogger(nullptr);
 }
 
 void EnvironmentImpl::ReleaseScriptState() {

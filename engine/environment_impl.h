@@ -21,11 +21,10 @@ namespace vnjs {
 
 /// The one implementation of Environment.
 ///
-/// Locks:    four, each taken through the scoped class named after what it guards, none inside another, none
-/// held
-///           while script code, a host function or somebody else's destructor runs. (Making a named thread is
-///           the exception: it waits under ThreadLock until the thread has its name.)
-/// Ending:   the destructor is the numbered sequence that says what each step relies on.
+/// Locks:    four, each taken through the scoped class named after what it guards, none inside another, none held
+///           while script code, a host function or somebody else's destructor runs. (Making a named thread is the
+///           exception: it waits under ThreadLock until the thread has its name.)
+/// Ending:   End is the numbered sequence that says what each step relies on.
 class EnvironmentImpl final : public Environment {
  public:
   /// With `useCurrentIsolate` the thread's current isolate is used if there is one that serves no other
@@ -87,6 +86,7 @@ class EnvironmentImpl final : public Environment {
 
   void CreateIsolate(bool useCurrentIsolate);
   void CreateContext();
+  void End();
   void ReleaseScriptState();
   void JoinWorker();
   bool OnWorker() const { return m_workerId == pthread_self(); }
@@ -100,6 +100,7 @@ class EnvironmentImpl final : public Environment {
   void NotifyIdle();
   bool CallPending(CallbackBase* callback);
   void RunEngineTasks();
+  void DeliverTermination();
   void YieldIsolate();
 
   std::string m_storageDir;
@@ -138,6 +139,7 @@ class EnvironmentImpl final : public Environment {
   JsonStringifier m_json;
   Rejections m_rejections;
   int m_entries = 0;
+  int m_pausing = 0;
 };
 
 class EnvironmentImpl::Caller {
@@ -154,13 +156,15 @@ class EnvironmentImpl::Caller {
 class EnvironmentImpl::Entry {
  public:
   explicit Entry(EnvironmentImpl* env) : m_scope(env->m_isolate, env->m_context), m_env(env) {
+    ++m_env->m_entries;
     // A termination that was asked for while nothing ran is not for the script that comes now.
-    if (m_env->m_entries++ == 0) m_env->m_isolate->CancelTerminateExecution();
+    if (IsOnly()) m_env->m_isolate->CancelTerminateExecution();
   }
   ~Entry() { --m_env->m_entries; }
   Entry(const Entry&) = delete;
   Entry& operator=(const Entry&) = delete;
 
+  /// Empty while the extensions' sources run: the environment is not ready for code then.
   v8::Local<v8::Context> context() const { return m_scope.context(); }
 
   /// No script is running below this entry.
@@ -168,13 +172,18 @@ class EnvironmentImpl::Entry {
 
   /// At the end of the outermost run or callback: what the script has left behind is reported and let go.
   void Settle() {
-    if (!IsOutermost()) return;
+    if (!IsOnly()) return;
     if (m_env->m_isolate->IsExecutionTerminating()) m_env->m_isolate->CancelTerminateExecution();
+    // Making the text of a result can have started some.
+    m_env->m_isolate->PerformMicrotaskCheckpoint();
     m_env->m_rejections.Report(m_env);
     m_env->m_droppedHandles->Reset();
   }
 
  private:
+  /// No script is running below, nor pausing on another thread while this one has its turn.
+  bool IsOnly() const { return IsOutermost() && m_env->m_pausing == 0; }
+
   const ScriptScope m_scope;
   EnvironmentImpl* const m_env;
 };

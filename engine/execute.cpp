@@ -1,4 +1,5 @@
 #include <unistd.h>
+#include <vnjs/error.h>
 #include <vnjs/value.h>
 
 #include <algorithm>
@@ -19,12 +20,15 @@ ScriptPosition Position(v8::Local<v8::Context> context, v8::Local<v8::Message> m
 
 /// The text of a script's result: JSON for all that JSON can say.
 std::string ResultText(v8::Local<v8::Context> context, const JsonStringifier& json,
-                       v8::Local<v8::Value> value) {
+                       v8::Local<v8::Value> value, bool* terminated) {
   if (value.IsEmpty()) return {};
   if (value->IsUndefined()) return "undefined";
   if (value->IsNull()) return "null";
-  if (value->IsFunction()) return GetString(value);
-  return GetString(json.Stringify(context, value));
+  if (!value->IsFunction()) value = json.Stringify(context, value, terminated);
+  // Converted here and not by GetString, which would keep a termination to itself.
+  v8::Local<v8::String> text;
+  if (value.IsEmpty() || value->IsNullOrUndefined() || !value->ToString(context).ToLocal(&text)) return {};
+  return GetString(text);
 }
 
 }  // namespace
@@ -60,7 +64,7 @@ RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
     const QueueLock queueLock(this);
     const auto entry = m_results.find(id);
     if (entry == m_results.end()) continue;
-    result = entry->second;
+    result = std::move(entry->second);
     found = true;
   }
 
@@ -74,12 +78,19 @@ RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
 
 RunResult EnvironmentImpl::Execute(const PendingCode& code) {
   Entry entry(this);
-  RunResult result = ExecuteEntered(entry.context(), code);
+  RunResult result;
+  try {
+    result = ExecuteEntered(entry.context(), code);
+  } catch (const std::exception&) {
+    // The text of the code or of its result is larger than the memory that is left.
+    result = RunResult(GetVornError(-2), true);
+  }
   entry.Settle();
   return result;
 }
 
 RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const PendingCode& code) {
+  if (context.IsEmpty()) return {"Environment is not ready to run code", true};
   v8::TryCatch caught(m_isolate);
   v8::Local<v8::Script> script;
   const bool compiled = m_scripts.Compile(context, code.m_code, code.m_source).ToLocal(&script);
@@ -106,8 +117,10 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
     Log(3, "result: Error: " + StackText(context, caught, text), nullptr);
     return {text, true, position};
   }
-  const std::string text = ResultText(context, m_json, value);
-  if (caught.HasTerminated()) return {kInterrupted, true};
+  bool terminated = false;
+  const std::string text = ResultText(context, m_json, value, &terminated);
+  if (terminated || caught.HasTerminated() || m_isolate->IsExecutionTerminating())
+    return {kInterrupted, true};
   return {text, false};
 }
 

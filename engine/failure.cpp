@@ -11,7 +11,9 @@ std::string MessageText(const v8::TryCatch& caught) {
 std::string StackText(v8::Local<v8::Context> context, const v8::TryCatch& caught,
                       const std::string& otherwise) {
   v8::Local<v8::Value> stack;
-  return caught.StackTrace(context).ToLocal(&stack) ? GetString(stack) : otherwise;
+  if (!caught.StackTrace(context).ToLocal(&stack)) return otherwise;
+  const std::string text = GetString(stack);
+  return text.empty() ? otherwise : text;
 }
 
 }  // namespace vnjs

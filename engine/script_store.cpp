@@ -1,5 +1,6 @@
 #include "engine/script_store.h"
 
+#include <cstring>
 #include <functional>
 
 #include "bridge/native.h"
@@ -11,8 +12,13 @@ namespace {
 v8::MaybeLocal<v8::Script> CompileNow(v8::Local<v8::Context> context, const std::string& text,
                                       const std::string& source) {
   v8::Isolate* const isolate = context->GetIsolate();
+  const size_t length = strlen(text.c_str());
   v8::Local<v8::String> code;
-  if (!v8::String::NewFromUtf8(isolate, text.c_str()).ToLocal(&code)) return {};
+  if (length > static_cast<size_t>(v8::String::kMaxLength) ||
+      !v8::String::NewFromUtf8(isolate, text.c_str(), v8::NewStringType::kNormal, static_cast<int>(length))
+           .ToLocal(&code)) {
+    return {};
+  }
   v8::ScriptOrigin origin(isolate, NewName(isolate, source.c_str()));
   return v8::Script::Compile(context, code, &origin);
 }
@@ -30,7 +36,7 @@ bool CanRunAgain(const std::string& text) {
 
 v8::MaybeLocal<v8::Script> ScriptStore::Compile(v8::Local<v8::Context> context, const std::string& text,
                                                 const std::string& source) {
-  if (text.size() > kLongestText) return CompileNow(context, text, source);
+  if (text.size() + source.size() > kLongestText) return CompileNow(context, text, source);
 
   const std::hash<std::string> hashOf;
   const size_t hash = hashOf(text) + 31 * hashOf(source);

@@ -22,14 +22,13 @@ constexpr int kMostIdleRounds = 100;
 }  // namespace
 
 void EnvironmentImpl::StartThread() {
-  if (m_threaded) return;
+  if (m_threaded.exchange(true)) return;
   // The worker was told to stop, from inside one of its own scripts, and is told to go on before it has
   // ended.
   const bool goOn = OnWorker();
   if (!goOn) JoinWorker();
   const bool wasTerminating = m_terminating;
   m_terminating = false;
-  m_threaded = true;
   if (goOn) return;
   try {
     unsigned long handle = 0;
@@ -90,9 +89,9 @@ bool EnvironmentImpl::RunWorkerCycle() {
   }
   for (const auto& [id, code] : pending) {
     worked = true;
-    const RunResult result = Execute(code);
+    RunResult result = Execute(code);
     const QueueLock queueLock(this);
-    if (m_waiting.count(id) != 0) m_results[id] = result;
+    if (m_waiting.count(id) != 0) m_results[id] = std::move(result);
   }
   return worked;
 }
@@ -115,6 +114,7 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   if (m_terminating) return false;
   const Caller caller(this);
   Entry entry(this);
+  if (entry.context().IsEmpty()) return false;
   if (entry.IsOutermost()) RunEngineTasks();
 
   std::vector<VRefCountedPointer<CallbackBase>> batch;
@@ -142,7 +142,7 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   }
   YieldIsolate();
   // A termination ended one callback; the script that had called for the batch ends as well.
-  if (terminated && !entry.IsOutermost()) m_isolate->TerminateExecution();
+  if (terminated && !entry.IsOutermost()) DeliverTermination();
   return true;
 }
 
@@ -155,6 +155,8 @@ bool EnvironmentImpl::CallPending(CallbackBase* callback) {
     callback->Call();
   } catch (const VornException& e) {
     failure = e.msg();
+  } catch (const std::exception& e) {
+    failure = e.what();
   }
   if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) {
     m_isolate->CancelTerminateExecution();
@@ -173,6 +175,18 @@ void EnvironmentImpl::RunEngineTasks() {
   const v8::TryCatch caught(m_isolate);
   while (!m_terminating && v8::platform::PumpMessageLoop(EnginePlatform(), m_isolate)) {
   }
+  if (caught.HasTerminated()) Log(3, "Callback execution error: " + std::string(kInterrupted), nullptr);
+}
+
+/// Terminates the script below. The engine notices a request only where code is entered or loops, so some code is
+/// entered.
+void EnvironmentImpl::DeliverTermination() {
+  m_isolate->TerminateExecution();
+  const v8::Local<v8::Context> context = GetContext();
+  v8::Local<v8::Script> nothing;
+  v8::Local<v8::Value> ignored;
+  if (!v8::Script::Compile(context, v8::String::Empty(m_isolate)).ToLocal(&nothing)) return;
+  if (!nothing->Run(context).ToLocal(&ignored)) return;
 }
 
 /// Lets threads that wait for the isolate have it for a moment. The isolate may be entered several times
@@ -184,10 +198,14 @@ void EnvironmentImpl::YieldIsolate() {
     ++entered;
   }
   const int entries = std::exchange(m_entries, 0);
+  // With one entry, which is the caller's own, no script is being held up.
+  const int pausing = entries > 1 ? 1 : 0;
+  m_pausing += pausing;
   {
     const v8::Unlocker unlocker(m_isolate);
     usleep(kPause);
   }
+  m_pausing -= pausing;
   m_entries = entries;
   while (entered-- > 0) m_isolate->Enter();
 }

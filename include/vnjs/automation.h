@@ -12,8 +12,7 @@ namespace vnjs {
 ///
 /// Threads:  without the worker, one thread makes all calls; with it, Run and RunFile come from any thread.
 /// Order:    EnableDebug (optional), constructor, SetLogger and StartThread (optional), Run and RunFile as
-/// often
-///           as wanted, StopThread, destructor.
+///           often as wanted, StopThread, destructor.
 /// Ending:   the destructor waits for the worker, the named threads and callers inside Run, and drops what is
 ///           queued. It must not run inside one of the environment's own scripts.
 class VNJS_API Automation {

@@ -18,10 +18,8 @@ namespace vnjs {
 ///
 /// Owner:    the Automation that made it.
 /// Threads:  without a worker, one thread makes all calls; with one, Run and RunFile come from any.
-/// PushCallback,
-///           Log, the named threads and the variables are for any thread at any time.
-/// Ending:   once terminating (`exit()`, StopThread, destruction) it refuses callbacks, threads and
-/// variables.
+///           PushCallback, Log, the named threads and the variables are for any thread at any time.
+/// Ending:   once terminating (`exit()`, StopThread, destruction) it refuses callbacks, threads and variables.
 class VNJS_API Environment {
  public:
   virtual ~Environment();

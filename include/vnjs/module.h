@@ -14,8 +14,7 @@ class Environment;
 /// `native function name();`, and a table that maps each name to a function template.
 ///
 /// Owner:    made once per process and passed to v8::RegisterExtension before the first environment that
-/// shall
-///           have it. It is enabled in every context of the process from then on.
+///           shall have it. It is enabled in every context of the process from then on.
 /// Threads:  the hooks run on the thread that creates a context.
 /// Failures: source that throws or does not parse keeps every later environment from being made.
 class VNJS_API Module : public v8::Extension {
@@ -41,8 +40,7 @@ class VNJS_API Module : public v8::Extension {
 /// Base of what an extension keeps for one environment, stored under a name with Environment::SetVariable.
 ///
 /// Ending:   the environment lets go of it under the isolate's lock; somebody else who holds a reference may
-/// drop
-///           the last one later and elsewhere, so script values in it are SafeValues or reset under that
+///           drop the last one later and elsewhere, so script values in it are SafeValues or reset under that
 ///           lock.
 class VNJS_API EnvironmentVariable : public VRefCountedObject {
  public:

@@ -28,8 +28,8 @@ VNJS_API void VDetachThread(unsigned long* handle);
 /// Owner:    reference counted; the running function holds one reference, so it may outlive its creator's.
 ///           Whoever makes one with `new` must put it into a VRefCountedPointer.
 /// Threads:  all operations from any thread. Once the constructor has returned, the thread runs and has its
-/// name. Ending:   the function polls IsTerminating(); the environment asks every named thread and joins it
-/// at its end.
+///           name.
+/// Ending:   the function polls IsTerminating(); the environment asks every named thread and joins it at its end.
 class VNJS_API Thread : public VRefCountedObject {
  public:
   using Function = int (*)(VRefCountedPointer<Thread>);
@@ -51,8 +51,8 @@ class VNJS_API Thread : public VRefCountedObject {
   bool IsTerminating() const { return m_terminating; }
   void SetTerminating() { m_terminating = true; }
 
-  /// Hides the base's operation: the thread has to know that its creator has a reference before it drops its
-  /// own.
+  /// Hides the base's operation: the thread has to know that its creator has a reference before it
+  /// drops its own.
   void AddRef();
 
  private:

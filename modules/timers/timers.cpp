@@ -45,13 +45,17 @@ VRefCountedPointer<Timers::TimersContext> Timers::GetTimersContext(Environment* 
 void Timers::CreateThreadIfNeeded(Environment* env) { env->CreateThread(kThread, TimersFunc, nullptr); }
 
 int Timers::TimersFunc(VRefCountedPointer<Thread> thread) {
-  const VRefCountedPointer<TimersContext> context = GetTimersContext(thread->GetEnvironment());
+  VRefCountedPointer<TimersContext> context = GetTimersContext(thread->GetEnvironment());
   uint64_t last = get_local_time_ms();
   while (!thread->IsTerminating()) {
     const uint64_t now = get_local_time_ms();
     const auto elapsed = static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(last));
     last = now;
     if (elapsed < 0 || elapsed > kLongestGap) continue;
+    // An environment that was terminating when this thread began gave it a table that is nobody's; it may have been
+    // started again since.
+    const VRefCountedPointer<EnvironmentVariable> kept = thread->GetEnvironment()->GetVariable(kVariable);
+    if (!kept.is_empty()) context = static_cast<TimersContext*>(kept.get_ptr());
     context->Pass(elapsed);
     usleep(kStep);
   }

@@ -2,8 +2,8 @@
 
 #include <vnjs/callback.h>
 #include <vnjs/lock.h>
-#include <vnjs/refcount.h>
 #include <vnjs/module.h>
+#include <vnjs/refcount.h>
 #include <vnjs/thread.h>
 
 #include <cstdint>

@@ -199,6 +199,20 @@ TEST_F(EnvironmentTest, EndsWhileTheWorkerRunsAndCallersWait) {
   EXPECT_EQ(returned, 4);
 }
 
+TEST_F(EnvironmentTest, EndsWhileNamedThreadsRunScriptsAgainAndAgain) {
+  const auto spin = [](VRefCountedPointer<Thread> self) {
+    while (!self->IsTerminating())
+      self->GetEnvironment()->Run("var end = Date.now() + 20; while (Date.now() < end);", "");
+    return 0;
+  };
+  environment()->CreateThread("first", spin, nullptr);
+  environment()->CreateThread("second", spin, nullptr);
+  usleep(50000);
+  const auto begin = std::chrono::steady_clock::now();
+  automation.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
 /// A host function of a script: stops and starts the worker that it runs on.
 TEST_F(EnvironmentTest, AScriptMayStopAndStartItsOwnWorker) {
   struct Restart : CallbackBase {

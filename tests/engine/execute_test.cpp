@@ -14,6 +14,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 class ExecuteTest : public ScriptTest {};
@@ -228,11 +229,18 @@ TEST_F(ExecuteTest, ATerminatedIsolateGivesAnExceptionAndGoesOn) {
       "for (;;) {}");
   interrupted("Promise.resolve().then(() => { processPendingCallbacks(); for (;;) {} }); 5");
   interrupted("({toJSON() { processPendingCallbacks(); for (;;) {} }})");
+  interrupted("processPendingCallbacks(); debugPrint('went on'); 9");
+  interrupted(
+      "(function f() { f.toString = function () { processPendingCallbacks(); for (;;) {} }; return f; })()");
+  interrupted(
+      "var json = JSON, loop = true; Object.defineProperty(this, 'JSON', {get() {"
+      "  if (loop) { loop = false; processPendingCallbacks(); for (;;) {} } return json; }}); 5");
 
   automation->GetEnvironment()->PushCallback(new Terminator(environment()));
   EXPECT_TRUE(automation->ProcessPendingCallbacks());
   EXPECT_EQ(Run("1+1"), "2");
-  EXPECT_THAT(LogLines(3), Contains("Callback execution error: Script execution was interrupted"));
+  EXPECT_THAT(LogLines(), Contains("Callback execution error: Script execution was interrupted"));
+  EXPECT_THAT(LogLines(), Not(Contains("went on")));
 }
 
 TEST_F(ExecuteTest, PromisesSettleWhenTheRunEnds) {
@@ -252,6 +260,11 @@ TEST_F(ExecuteTest, PromisesSettleWhenTheRunEnds) {
   EXPECT_THAT(LogLines(3),
               ElementsAre("Unhandled promise rejection: Error: lost\n    at lost.js:1:16",
                           "Unhandled promise rejection: text", "Unhandled promise rejection: Error: forged"));
+}
+
+TEST_F(ExecuteTest, MakingAResultsTextCanStartMicrotasks) {
+  Run("({toJSON() { Promise.resolve().then(() => debugPrint('later')); return 1; }})");
+  EXPECT_THAT(LogLines(), ElementsAre("later"));
 }
 
 TEST_F(ExecuteTest, AFloodOfRejectionsIsCut) {
