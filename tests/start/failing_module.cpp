@@ -58,7 +58,7 @@ int main() {
     right = right && working.Run("executeJS('1+1')", "").result() == "\"2\"";
   }
   right = right && vnjs::testing::OpenLoggers() == loggers;
-  right = right && vnjs::testing::LinesOf("default").size() > 0;
+  right = right && !vnjs::testing::LinesOf("default").empty();
   puts(right ? "right" : "wrong");
   return right ? 0 : 1;
 }
