@@ -71,6 +71,7 @@ Measurement OneMore() {
 /// The object script of the other programs, each time with another number in it.
 std::vector<std::string> MakeTexts() {
   std::vector<std::string> texts;
+  texts.reserve(kTexts);
   for (int i = 0; i < kTexts; ++i) {
     texts.push_back("var o = {a: " + std::to_string(i) + ", b: \"text\", c: [1, 2, 3]}; o.a += 41; o");
   }

@@ -12,8 +12,6 @@
 
 #include "bench/support/ratio_reporter.h"
 
-extern char** environ;
-
 namespace {
 
 /// What the program printed on its standard output; empty when it failed.

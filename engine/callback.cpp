@@ -37,7 +37,7 @@ v8::Local<v8::Value> SafeValue::GetValue() {
 }
 
 CallbackBase::CallbackBase(Environment* env, VRefCountedPointer<SafeValue> callback)
-    : m_environment(env), m_callback(std::move(callback)) {}
+    : m_environment(env), m_callback(callback) {}
 
 CallbackBase::~CallbackBase() = default;
 

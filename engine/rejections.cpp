@@ -20,7 +20,7 @@ std::string Describe(v8::Local<v8::Context> context, v8::Local<v8::Value> reason
   v8::Local<v8::Value> stack;
   if (reason->IsNativeError() &&
       reason.As<v8::Object>()->Get(context, NewName(context->GetIsolate(), "stack")).ToLocal(&stack)) {
-    const std::string text = GetString(stack);
+    std::string text = GetString(stack);
     if (!text.empty()) return text;
   }
   return GetString(reason);

@@ -7,7 +7,6 @@
 namespace vnjs::testing {
 namespace {
 
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 /// Evaluates script expressions to handles, inside one environment.
@@ -29,7 +28,7 @@ class ValueTest : public ScriptTest {
   std::string Bytes(const std::string& code) {
     try {
       const ByteArray array(Eval(code));
-      EXPECT_EQ(array.ptr() == nullptr, array.size() == 0);
+      EXPECT_EQ(array.ptr() == nullptr, array.empty());
       return std::string(reinterpret_cast<const char*>(array.ptr()), array.size());
     } catch (const VornException& e) {
       return "throws " + e.msg();

@@ -66,7 +66,7 @@ TEST_F(ThreadTest, ShortFunctionsDoNotOvertakeTheirCreator) {
     kept->Join();
     kept->Join();
     // Nobody joins these; they delete themselves.
-    Pointer(new Thread(environment(), "dropped", ReturnAtOnce, nullptr));
+    { const Pointer dropped(new Thread(environment(), "dropped", ReturnAtOnce, nullptr)); }
     Pointer detached(new Thread(environment(), "detached", Throw, nullptr));
     detached->Detach();
     detached->Join();

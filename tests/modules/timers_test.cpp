@@ -6,7 +6,6 @@ namespace vnjs::testing {
 namespace {
 
 using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 class TimersTest : public ScriptTest {
