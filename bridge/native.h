@@ -7,6 +7,8 @@
 
 #include <new>
 #include <string>
+#include <string_view>
+#include <tuple>
 
 namespace vnjs {
 
@@ -17,25 +19,36 @@ inline Environment* GetEnvironment(v8::Isolate* isolate) {
 
 using NativeCallback = void (*)(const v8::FunctionCallbackInfo<v8::Value>&);
 
-/// The guard around every native that scripts call: `Native<&Core::Exit>`.
+template <typename Signature>
+struct NativeGuard;
+
+template <typename... Arguments>
+struct NativeGuard<void (*)(Arguments...)> {
+  template <void (*native)(Arguments...)>
+  static void Call(Arguments... arguments) {
+    const auto& info = std::get<sizeof...(Arguments) - 1>(std::tie(arguments...));
+    v8::Isolate* const isolate = info.GetIsolate();
+    if (GetEnvironment(isolate) == nullptr) return;
+    try {
+      native(arguments...);
+    } catch (const VornException& e) {
+      ThrowException(isolate, e.msg());
+    } catch (const std::bad_alloc&) {
+      ThrowException(isolate, GetVornError(-2));
+    } catch (const std::exception& e) {
+      ThrowException(isolate, e.what());
+    }
+  }
+};
+
+/// The guard around every native that scripts call, functions, accessors and interceptors alike:
+/// `Native<&Core::Exit>`.
 ///
 /// The engine's frames cannot be unwound, so no native exception may pass: each becomes a script `Error` with
 /// its message. Without an environment the native does nothing and returns undefined; inside, GetEnvironment
 /// is never null.
-template <NativeCallback native>
-void Native(const v8::FunctionCallbackInfo<v8::Value>& info) {
-  v8::Isolate* const isolate = info.GetIsolate();
-  if (GetEnvironment(isolate) == nullptr) return;
-  try {
-    native(info);
-  } catch (const VornException& e) {
-    ThrowException(isolate, e.msg());
-  } catch (const std::bad_alloc&) {
-    ThrowException(isolate, GetVornError(-2));
-  } catch (const std::exception& e) {
-    ThrowException(isolate, e.what());
-  }
-}
+template <auto native>
+constexpr auto Native = &NativeGuard<decltype(native)>::template Call<native>;
 
 /// One line of an extension's table of natives.
 struct NativeEntry {
@@ -49,14 +62,15 @@ struct NativeEntry {
   bool data = false;
 };
 
-/// The template of the native called `name`, or an empty handle. Only constructors have a `prototype`.
+/// The template of the native called `name`, or an empty handle. Only constructors have a `prototype`. `data`,
+/// where given, is what every native of the table finds as its callback data.
 template <size_t size>
 v8::Local<v8::FunctionTemplate> FindNative(v8::Isolate* isolate, const NativeEntry (&table)[size],
-                                           const std::string& name) {
+                                           const std::string& name, v8::Local<v8::Value> data = {}) {
   for (const NativeEntry& entry : table) {
     if (name != entry.name) continue;
-    v8::Local<v8::FunctionTemplate> result =
-        v8::FunctionTemplate::New(isolate, entry.callback, v8::Boolean::New(isolate, entry.data));
+    if (data.IsEmpty()) data = v8::Boolean::New(isolate, entry.data);
+    const v8::Local<v8::FunctionTemplate> result = v8::FunctionTemplate::New(isolate, entry.callback, data);
     if (entry.kind == NativeEntry::kFunction) result->RemovePrototype();
     return result;
   }
@@ -65,10 +79,13 @@ v8::Local<v8::FunctionTemplate> FindNative(v8::Isolate* isolate, const NativeEnt
 
 /// A script string; an empty handle, with a RangeError pending, when the engine cannot hold a string of that
 /// size.
-v8::MaybeLocal<v8::String> NewString(v8::Isolate* isolate, const std::string& text);
+v8::MaybeLocal<v8::String> NewString(v8::Isolate* isolate, std::string_view text);
 
 /// The same for names and messages of our own, which are short.
 v8::Local<v8::String> NewName(v8::Isolate* isolate, const char* text);
+
+/// What functions of a template are called, and what `Object.prototype.toString` says of their objects.
+void NameClass(v8::Isolate* isolate, v8::Local<v8::FunctionTemplate> function, const char* name);
 
 /// Adds a data property to an object that a native has just made. False, with something pending, when the
 /// script is being terminated.

@@ -97,7 +97,7 @@ v8::Local<v8::Value> ThrowException(v8::Isolate* isolate, const std::string& mes
   return ThrowException(isolate, message.c_str());
 }
 
-v8::MaybeLocal<v8::String> NewString(v8::Isolate* isolate, const std::string& text) {
+v8::MaybeLocal<v8::String> NewString(v8::Isolate* isolate, std::string_view text) {
   v8::Local<v8::String> result;
   if (text.size() > static_cast<size_t>(v8::String::kMaxLength) ||
       !v8::String::NewFromUtf8(isolate, text.data(), v8::NewStringType::kNormal,
@@ -111,6 +111,12 @@ v8::MaybeLocal<v8::String> NewString(v8::Isolate* isolate, const std::string& te
 
 v8::Local<v8::String> NewName(v8::Isolate* isolate, const char* text) {
   return v8::String::NewFromUtf8(isolate, text).FromMaybe(v8::String::Empty(isolate));
+}
+
+void NameClass(v8::Isolate* isolate, v8::Local<v8::FunctionTemplate> function, const char* name) {
+  function->SetClassName(NewName(isolate, name));
+  function->PrototypeTemplate()->Set(v8::Symbol::GetToStringTag(isolate), NewName(isolate, name),
+                                     static_cast<v8::PropertyAttribute>(v8::ReadOnly | v8::DontEnum));
 }
 
 bool SetProperty(v8::Local<v8::Context> context, v8::Local<v8::Object> object, const char* name,

@@ -118,6 +118,7 @@ void EnvironmentImpl::ReleaseScriptState() {
       const VariablesLock variablesLock(this);
       variables.swap(m_variables);
     }
+    for (auto& [name, variable] : variables) variable->OnEnvironmentEnd();
     variables.clear();
     m_scripts.Clear();
     m_json.Clear();

@@ -4,6 +4,7 @@
 #include "modules/fs/file_system.h"
 #include "modules/system/system.h"
 #include "modules/timers/timers.h"
+#include "modules/xml/xml.h"
 
 namespace vnjs {
 
@@ -11,10 +12,7 @@ namespace {
 
 /// Every extension, in the order in which the engine learns of them.
 constexpr void (*kExtensions[])() = {
-    &Core::Register,
-    &Timers::Register,
-    &System::Register,
-    &FileSystem::Register,
+    &Core::Register, &Timers::Register, &System::Register, &FileSystem::Register, &Xml::Register,
 };
 
 }  // namespace

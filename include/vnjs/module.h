@@ -39,15 +39,18 @@ class VNJS_API Module : public v8::Extension {
 
 /// Base of what an extension keeps for one environment, stored under a name with Environment::SetVariable.
 ///
-/// Ending:   the environment lets go of it under the isolate's lock; somebody else who holds a reference may
-///           drop the last one later and elsewhere, so script values in it are SafeValues or reset under that
-///           lock.
+/// Ending:   the environment lets go of it under the isolate's lock, after OnEnvironmentEnd; somebody else who
+///           holds a reference may drop the last one later and elsewhere.
 class VNJS_API EnvironmentVariable : public VRefCountedObject {
  public:
   ~EnvironmentVariable() override;
 
   /// True while this state will lead to script work by itself, as a waiting timer does. Any thread.
   virtual bool HasPendingWork() const { return false; }
+
+  /// The environment ends, and no script runs in it again. Called once, under the isolate's lock: the last
+  /// moment to reset the engine's handles.
+  virtual void OnEnvironmentEnd() {}
 };
 
 }  // namespace vnjs

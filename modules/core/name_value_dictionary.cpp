@@ -146,10 +146,7 @@ v8::MaybeLocal<v8::Object> NameValueDictionary::New(v8::Isolate* isolate, Enviro
 
 v8::Local<v8::FunctionTemplate> NameValueDictionary::NewTemplate(v8::Isolate* isolate) {
   const v8::Local<v8::FunctionTemplate> result = v8::FunctionTemplate::New(isolate);
-  result->SetClassName(NewName(isolate, kClassName));
-  // What Object.prototype.toString says of a dictionary.
-  result->PrototypeTemplate()->Set(v8::Symbol::GetToStringTag(isolate), NewName(isolate, kClassName),
-                                   static_cast<v8::PropertyAttribute>(v8::ReadOnly | v8::DontEnum));
+  NameClass(isolate, result, kClassName);
   const v8::Local<v8::ObjectTemplate> instance = result->InstanceTemplate();
   instance->SetInternalFieldCount(kFieldCount);
   instance->SetHandler(v8::NamedPropertyHandlerConfiguration(

@@ -19,6 +19,8 @@ class NameValueDictionary {
   /// What one environment keeps: the template, empty until the first dictionary.
   class Env : public EnvironmentVariable {
    public:
+    void OnEnvironmentEnd() override { m_template.Reset(); }
+
     v8::Global<v8::FunctionTemplate> m_template;
   };
 

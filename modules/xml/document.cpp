@@ -1,0 +1,140 @@
+#include "modules/xml/document.h"
+
+#include <libxml/parser.h>
+#include <vnjs/error.h>
+#include <vnjs/value.h>
+
+#include <string_view>
+#include <utility>
+
+#include "bridge/native.h"
+#include "modules/xml/node_builder.h"
+#include "modules/xml/parser.h"
+
+namespace vnjs {
+
+namespace {
+
+/// The document as indented text; null when libxml2 cannot write it.
+XmlTextPointer Serialise(xmlDoc* doc, int* size) {
+  xmlChar* text = nullptr;
+  xmlDocDumpFormatMemory(doc, &text, size, 1);
+  XmlTextPointer result(text);
+  // Written in the encoding that it declares. Where that is not a text for scripts, it is declared as one.
+  if (result != nullptr && doc->encoding != nullptr &&
+      xmlParseCharEncoding(FromXml(doc->encoding)) != XML_CHAR_ENCODING_UTF8 && xmlCheckUTF8(text) == 0) {
+    xmlDocDumpFormatMemoryEnc(doc, &text, size, "UTF-8", 1);
+    result.reset(text);
+  }
+  return result;
+}
+
+}  // namespace
+
+Document::Document(Xml::XmlEnv* env, v8::Isolate* isolate, DocPointer doc)
+    : Tree(std::move(doc)), m_env(env), m_isolate(isolate) {}
+
+Document::~Document() { m_isolate->AdjustAmountOfExternalAllocatedMemory(-m_charged); }
+
+void Document::Charge() {
+  const int64_t change = size() - m_charged;
+  if (change == 0) return;
+  m_charged = size();
+  m_isolate->AdjustAmountOfExternalAllocatedMemory(change);
+}
+
+Document* Xml::GetPtr(XmlEnv* env, v8::Local<v8::Value> object) {
+  if (!object->IsObject()) return nullptr;
+  v8::Local<v8::Value> pointer;
+  if (!object.As<v8::Object>()
+           ->GetPrivate(env->isolate()->GetCurrentContext(), env->PointerKey())
+           .ToLocal(&pointer) ||
+      !pointer->IsExternal()) {
+    return nullptr;
+  }
+  return static_cast<Document*>(pointer.As<v8::External>()->Value());
+}
+
+bool Xml::SetPtr(XmlEnv* env, v8::Local<v8::Object> object, Document* document) {
+  v8::Isolate* const isolate = env->isolate();
+  return object
+      ->SetPrivate(isolate->GetCurrentContext(), env->PointerKey(), v8::External::New(isolate, document))
+      .FromMaybe(false);
+}
+
+std::string Xml::GetLastXmlError() {
+  const xmlError* const error = xmlGetLastError();
+  if (error == nullptr) return {};
+  std::string text = "XML error";
+  if (error->line != 0) {
+    text += " at line " + std::to_string(error->line);
+    if (error->int2 != 0) text += ", col " + std::to_string(error->int2);
+  }
+  text += ": ";
+  if (error->message != nullptr) text += error->message;
+  return text;
+}
+
+void Xml::New(const Info& info) {
+  if (!info.IsConstructCall()) throw VornException("Invalid VXmlDocument usage");
+  XmlEnv* const env = XmlEnv::From(info.Data());
+  if (env == nullptr) return;
+  DocPointer doc;
+  if (info.Length() == 0) {
+    doc.reset(xmlNewDoc(ToXml("1.0")));
+  } else {
+    if (!IsText(info[0])) throw VornException("Invalid args");
+    doc = ParseXml(GetString(info[0]));
+  }
+  if (doc == nullptr) throw VornException(GetLastXmlError());
+  Document* const document = env->Add(std::move(doc), info.This());
+  if (!SetPtr(env, info.This(), document)) {
+    env->Free(document);
+    return;
+  }
+  document->Charge();
+  info.GetReturnValue().Set(info.This());
+}
+
+void Xml::WeakCallback(const v8::WeakCallbackInfo<Document>& info) {
+  Document* const document = info.GetParameter();
+  document->m_env->Free(document);
+}
+
+void Xml::ToString(const Info& info) {
+  XmlEnv* const env = XmlEnv::From(info.Data());
+  const Document* const document = env == nullptr ? nullptr : GetPtr(env, info.This());
+  if (document == nullptr) return;
+  int size = 0;
+  const XmlTextPointer text = Serialise(document->doc(), &size);
+  if (text == nullptr) {
+    info.GetReturnValue().Set(NewName(info.GetIsolate(), "VXmlDocument"));
+    return;
+  }
+  v8::Local<v8::String> result;
+  if (NewString(info.GetIsolate(), std::string_view(FromXml(text.get()), static_cast<size_t>(size)))
+          .ToLocal(&result)) {
+    info.GetReturnValue().Set(result);
+  }
+}
+
+void Xml::GetDocRoot(const Info& info) {
+  XmlEnv* const env = XmlEnv::From(info.Data());
+  const Document* const document = env == nullptr ? nullptr : GetPtr(env, info.This());
+  xmlNode* const root = document == nullptr ? nullptr : xmlDocGetRootElement(document->doc());
+  if (root == nullptr) return;
+  v8::Local<v8::Value> node;
+  if (ConstructNode(env, root).ToLocal(&node)) info.GetReturnValue().Set(node);
+}
+
+void Xml::SetDocRoot(const Info& info) {
+  XmlEnv* const env = XmlEnv::From(info.Data());
+  Document* const document = env == nullptr ? nullptr : GetPtr(env, info.This());
+  if (document == nullptr) return;
+  NodePointer element;
+  if (!NodeBuilder(env, document->doc()).Build(info[0], 1, &element) || element == nullptr) return;
+  document->SetRoot(std::move(element));
+  document->Charge();
+}
+
+}  // namespace vnjs

@@ -1,0 +1,96 @@
+#include "modules/xml/node_builder.h"
+
+#include <vnjs/error.h>
+#include <vnjs/value.h>
+
+#include <new>
+#include <utility>
+
+#include "modules/xml/characters.h"
+#include "modules/xml/parser.h"
+
+namespace vnjs {
+
+namespace {
+
+/// An array may claim to have billions of entries: no call shall take minutes that nobody can interrupt.
+constexpr uint32_t kMostChildren = 10000000;
+
+}  // namespace
+
+bool IsText(v8::Local<v8::Value> value) { return value->IsString() || value->IsStringObject(); }
+
+bool ReadText(v8::Isolate* isolate, v8::Local<v8::Value> value, std::string* text) {
+  *text = GetString(value);
+  if (isolate->IsExecutionTerminating()) return false;
+  ReplaceSurrogates(text);
+  if (!IsXmlText(*text)) throw VornException("Text contains a character that XML cannot represent");
+  return true;
+}
+
+NodeBuilder::NodeBuilder(Xml::XmlEnv* env, xmlDoc* doc)
+    : m_env(env), m_isolate(env->isolate()), m_context(m_isolate->GetCurrentContext()), m_doc(doc) {}
+
+bool NodeBuilder::Read(v8::Local<v8::Object> object, Xml::XmlEnv::Key key, v8::Local<v8::Value>* value) {
+  return object->Get(m_context, m_env->GetKey(key)).ToLocal(value);
+}
+
+bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* result) {
+  if (!value->IsObject()) return true;
+  const v8::HandleScope handleScope(m_isolate);
+  const v8::Local<v8::Object> object = value.As<v8::Object>();
+  v8::Local<v8::Value> part;
+  if (!Read(object, Xml::XmlEnv::kName, &part)) return false;
+  if (!IsText(part)) return true;
+  const std::string name = GetString(part);
+  if (!IsXmlName(name)) return true;
+  if (depth > kDeepest) throw VornException("XML is nested too deeply");
+  NodePointer element(xmlNewDocNode(m_doc, nullptr, ToXml(name.c_str()), nullptr));
+  if (element == nullptr) throw std::bad_alloc();
+
+  if (!Read(object, Xml::XmlEnv::kAttributes, &part)) return false;
+  if (part->IsObject() && !AddAttributes(part.As<v8::Object>(), element.get())) return false;
+  if (!Read(object, Xml::XmlEnv::kChildren, &part)) return false;
+  if (part->IsArray() && !AddChildren(part.As<v8::Array>(), depth, element.get())) return false;
+  if (!Read(object, Xml::XmlEnv::kText, &part)) return false;
+  if (IsText(part)) {
+    std::string text;
+    if (!ReadText(m_isolate, part, &text)) return false;
+    if (!text.empty()) AddText(element.get(), text);
+  }
+  *result = std::move(element);
+  return true;
+}
+
+bool NodeBuilder::AddAttributes(v8::Local<v8::Object> attributes, xmlNode* element) {
+  v8::Local<v8::Array> names;
+  if (!attributes->GetOwnPropertyNames(m_context).ToLocal(&names)) return false;
+  if (names->Length() > kMostAttributes) throw VornException("Too many XML attributes");
+  for (uint32_t i = 0; i < names->Length(); ++i) {
+    const v8::HandleScope handleScope(m_isolate);
+    v8::Local<v8::Value> name;
+    v8::Local<v8::Value> value;
+    if (!names->Get(m_context, i).ToLocal(&name)) return false;
+    // Names that look like an index come as numbers.
+    if (!name->IsString()) continue;
+    std::string text;
+    if (!attributes->Get(m_context, name).ToLocal(&value) || !ReadText(m_isolate, value, &text)) return false;
+    const std::string key = GetString(name);
+    if (IsXmlName(key)) AddAttribute(element, key, text);
+  }
+  return true;
+}
+
+bool NodeBuilder::AddChildren(v8::Local<v8::Array> children, int depth, xmlNode* element) {
+  for (uint32_t i = 0; i < children->Length(); ++i) {
+    if (i == kMostChildren) throw VornException("Too many XML elements");
+    const v8::HandleScope handleScope(m_isolate);
+    v8::Local<v8::Value> value;
+    NodePointer child;
+    if (!children->Get(m_context, i).ToLocal(&value) || !Build(value, depth + 1, &child)) return false;
+    if (child != nullptr) xmlAddChild(element, child.release());
+  }
+  return true;
+}
+
+}  // namespace vnjs
