@@ -448,5 +448,34 @@ TEST_F(CliTest, TheExamplesRunTogether) {
                                 "The day is over; the heating was switched 14 times.\n"));
 }
 
+TEST_F(CliTest, TheShuttersFollowAForecast) {
+  const std::filesystem::path examples = std::filesystem::path(__FILE__).parent_path() / "../../examples";
+  const Arguments run = {"run", "--storage", ".", examples / "shutters.js"};
+  const Outcome without = Vnjs(run);
+  EXPECT_EQ(without.status, kFine);
+  EXPECT_THAT(Messages(without.err),
+              StartsWith("06:00 forecast not usable: Failed to open file: ./forecast.xml No such file"));
+  EXPECT_THAT(Messages(without.err), EndsWith("The day is over; the shutters moved 0 times.\n"));
+
+  std::filesystem::copy(examples / "forecast.xml", folder.path());
+  const Outcome outcome = Vnjs(run);
+  EXPECT_EQ(outcome.status, kFine);
+  EXPECT_EQ(Messages(outcome.err),
+            "06:00 forecast for 16 hours\n"
+            "09:00 kitchen down: 24 degrees and sun\n"
+            "09:00 living room down: 24 degrees and sun\n"
+            "10:00 forecast for 16 hours\n"
+            "11:00 kitchen up: the sun has left\n"
+            "14:00 forecast not usable: XML error at line 10, col 11: Premature end of data in tag forecast "
+            "line 2\n"
+            "14:00 study down: 31 degrees and sun\n"
+            "15:00 living room up: gusts of 22 m/s\n"
+            "15:00 study up: gusts of 22 m/s\n"
+            "18:00 forecast for 16 hours\n"
+            "20:00 study down: 23 degrees and sun\n"
+            "21:00 study up: no longer warm and sunny\n"
+            "The day is over; the shutters moved 8 times.\n");
+}
+
 }  // namespace
 }  // namespace vnjs::testing
