@@ -17,7 +17,7 @@ v8::Local<v8::FunctionTemplate> Xml::NewAttributesTemplate(XmlEnv* env) {
   result->InstanceTemplate()->SetInternalFieldCount(kElementFieldCount);
   result->InstanceTemplate()->SetHandler(v8::NamedPropertyHandlerConfiguration(
       Native<&Xml::GetAttribute>, Native<&Xml::SetAttribute>, Native<&Xml::QueryAttribute>,
-      Native<&Xml::DeleteAttribute>, Native<&Xml::EnumAttributes>, v8::Local<v8::Value>(),
+      Native<&Xml::DeleteAttribute>, Native<&Xml::EnumAttributes>, env->Anchor(),
       v8::PropertyHandlerFlags::kOnlyInterceptStrings));
   return result;
 }

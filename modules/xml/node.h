@@ -18,10 +18,12 @@ void SetElement(v8::Local<v8::Object> object, v8::Local<v8::Object> document,
 /// The element of an object that has those fields; null when it was freed.
 xmlNode* GetElement(v8::Local<v8::Object> object);
 
-/// The element of the object that an accessor or interceptor was called on; null for objects that inherit.
+/// The element of the object that an accessor or interceptor was called on; null for objects that inherit, and
+/// when the environment that made the object has ended, with all its documents.
 template <typename Result>
 xmlNode* GetElement(const v8::PropertyCallbackInfo<Result>& info) {
-  return info.This() == info.Holder() ? GetElement(info.Holder()) : nullptr;
+  if (Xml::XmlEnv::From(info.Data()) == nullptr || info.This() != info.Holder()) return nullptr;
+  return GetElement(info.Holder());
 }
 
 /// The element of the object that a node's method was called on; null for every other receiver.
