@@ -16,13 +16,16 @@ namespace vnjs {
 namespace {
 
 /// The document as indented text; null when libxml2 cannot write it.
-XmlTextPointer Serialise(xmlDoc* doc, int* size) {
+XmlTextPointer Serialise(const Document& document, int* size) {
+  xmlDoc* const doc = document.doc();
   xmlChar* text = nullptr;
   xmlDocDumpFormatMemory(doc, &text, size, 1);
   XmlTextPointer result(text);
-  // Written in the encoding that it declares. Where that is not a text for scripts, it is declared as one.
-  if (result != nullptr && doc->encoding != nullptr &&
-      xmlParseCharEncoding(FromXml(doc->encoding)) != XML_CHAR_ENCODING_UTF8 && xmlCheckUTF8(text) == 0) {
+  const bool isForeign =
+      doc->encoding != nullptr && xmlParseCharEncoding(FromXml(doc->encoding)) != XML_CHAR_ENCODING_UTF8;
+  // Written in the encoding that it declares. Where that is not a text for scripts, or has no form for a name, it is
+  // declared and written as one.
+  if (isForeign && result != nullptr && (document.HasForeignNames() || xmlCheckUTF8(text) == 0)) {
     xmlDocDumpFormatMemoryEnc(doc, &text, size, "UTF-8", 1);
     result.reset(text);
   }
@@ -106,7 +109,7 @@ void Xml::ToString(const Info& info) {
   const Document* const document = env == nullptr ? nullptr : GetPtr(env, info.This());
   if (document == nullptr) return;
   int size = 0;
-  const XmlTextPointer text = Serialise(document->doc(), &size);
+  const XmlTextPointer text = Serialise(*document, &size);
   if (text == nullptr) {
     info.GetReturnValue().Set(NewName(info.GetIsolate(), "VXmlDocument"));
     return;
@@ -132,7 +135,7 @@ void Xml::SetDocRoot(const Info& info) {
   Document* const document = env == nullptr ? nullptr : GetPtr(env, info.This());
   if (document == nullptr) return;
   NodePointer element;
-  if (!NodeBuilder(env, document->doc()).Build(info[0], 1, &element) || element == nullptr) return;
+  if (!NodeBuilder(env, document).Build(info[0], 1, &element) || element == nullptr) return;
   document->SetRoot(std::move(element));
   document->Charge();
 }

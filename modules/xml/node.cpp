@@ -179,7 +179,7 @@ void Xml::InsertNodeChild(const Info& info) {
   const xmlNode* const receiver = GetReceiver(env, info.This());
   if (receiver == nullptr) return;
   NodePointer element;
-  if (!NodeBuilder(env, receiver->doc).Build(info[0], Tree::DepthOf(receiver) + 1, &element)) return;
+  if (!NodeBuilder(env, Tree::Of(receiver)).Build(info[0], Tree::DepthOf(receiver) + 1, &element)) return;
   if (element == nullptr) throw VornException("Invalid node object");
   // Only now, because reading the argument may have removed the receiver.
   xmlNode* const parent = GetReceiver(env, info.This());

@@ -7,14 +7,15 @@
 #include <utility>
 
 #include "modules/xml/characters.h"
-#include "modules/xml/parser.h"
 
 namespace vnjs {
 
 namespace {
 
-/// An array may claim to have billions of entries: no call shall take minutes that nobody can interrupt.
-constexpr uint32_t kMostChildren = 10000000;
+/// How many entries of arrays and objects one call looks at, and how much text it takes: what cannot be interrupted
+/// must end by itself. Small objects that refer to each other can mean a tree of any size.
+constexpr size_t kMostEntries = 1000000;
+constexpr size_t kMostText = 128 * 1024 * 1024;
 
 }  // namespace
 
@@ -28,8 +29,13 @@ bool ReadText(v8::Isolate* isolate, v8::Local<v8::Value> value, std::string* tex
   return true;
 }
 
-NodeBuilder::NodeBuilder(Xml::XmlEnv* env, xmlDoc* doc)
-    : m_env(env), m_isolate(env->isolate()), m_context(m_isolate->GetCurrentContext()), m_doc(doc) {}
+NodeBuilder::NodeBuilder(Xml::XmlEnv* env, Tree* tree)
+    : m_env(env), m_isolate(env->isolate()), m_context(m_isolate->GetCurrentContext()), m_tree(tree) {}
+
+void NodeBuilder::Spend(size_t text) {
+  m_text += text;
+  if (++m_entries > kMostEntries || m_text > kMostText) throw VornException("XML is too large");
+}
 
 bool NodeBuilder::Read(v8::Local<v8::Object> object, Xml::XmlEnv::Key key, v8::Local<v8::Value>* value) {
   return object->Get(m_context, m_env->GetKey(key)).ToLocal(value);
@@ -45,8 +51,11 @@ bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* resu
   const std::string name = GetString(part);
   if (!IsXmlName(name)) return true;
   if (depth > kDeepest) throw VornException("XML is nested too deeply");
-  NodePointer element(xmlNewDocNode(m_doc, nullptr, ToXml(name.c_str()), nullptr));
+  Spend(name.size());
+  // Not of the document before it is in its tree: queries would find its attributes by their ID.
+  NodePointer element(xmlNewNode(nullptr, ToXml(name.c_str())));
   if (element == nullptr) throw std::bad_alloc();
+  m_tree->NoteName(name);
 
   if (!Read(object, Xml::XmlEnv::kAttributes, &part)) return false;
   if (part->IsObject() && !AddAttributes(part.As<v8::Object>(), element.get())) return false;
@@ -56,6 +65,7 @@ bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* resu
   if (IsText(part)) {
     std::string text;
     if (!ReadText(m_isolate, part, &text)) return false;
+    Spend(text.size());
     if (!text.empty()) AddText(element.get(), text);
   }
   *result = std::move(element);
@@ -65,25 +75,30 @@ bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* resu
 bool NodeBuilder::AddAttributes(v8::Local<v8::Object> attributes, xmlNode* element) {
   v8::Local<v8::Array> names;
   if (!attributes->GetOwnPropertyNames(m_context).ToLocal(&names)) return false;
-  if (names->Length() > kMostAttributes) throw VornException("Too many XML attributes");
+  size_t count = 0;
   for (uint32_t i = 0; i < names->Length(); ++i) {
     const v8::HandleScope handleScope(m_isolate);
     v8::Local<v8::Value> name;
     v8::Local<v8::Value> value;
+    Spend(0);
     if (!names->Get(m_context, i).ToLocal(&name)) return false;
     // Names that look like an index come as numbers.
     if (!name->IsString()) continue;
     std::string text;
     if (!attributes->Get(m_context, name).ToLocal(&value) || !ReadText(m_isolate, value, &text)) return false;
     const std::string key = GetString(name);
-    if (IsXmlName(key)) AddAttribute(element, key, text);
+    if (!IsXmlName(key)) continue;
+    if (++count > kMostAttributes) throw VornException("Too many XML attributes");
+    Spend(key.size() + text.size());
+    m_tree->NoteName(key);
+    AddAttribute(element, key, text);
   }
   return true;
 }
 
 bool NodeBuilder::AddChildren(v8::Local<v8::Array> children, int depth, xmlNode* element) {
   for (uint32_t i = 0; i < children->Length(); ++i) {
-    if (i == kMostChildren) throw VornException("Too many XML elements");
+    Spend(0);
     const v8::HandleScope handleScope(m_isolate);
     v8::Local<v8::Value> value;
     NodePointer child;

@@ -18,14 +18,16 @@ namespace vnjs {
 ///           than a document can use.
 class NodeBuilder {
  public:
-  /// The elements are for `doc`, and are in no tree.
-  NodeBuilder(Xml::XmlEnv* env, xmlDoc* doc);
+  /// The elements are for that tree, and not yet in it.
+  NodeBuilder(Xml::XmlEnv* env, Tree* tree);
 
   /// Sets `result` to a new element, or leaves it empty when the value builds none. `depth` is the element's in
   /// its document. False with a script exception pending.
   bool Build(v8::Local<v8::Value> value, int depth, NodePointer* result);
 
  private:
+  /// Counts an entry and the text that it takes.
+  void Spend(size_t text);
   bool Read(v8::Local<v8::Object> object, Xml::XmlEnv::Key key, v8::Local<v8::Value>* value);
   bool AddAttributes(v8::Local<v8::Object> attributes, xmlNode* element);
   bool AddChildren(v8::Local<v8::Array> children, int depth, xmlNode* element);
@@ -33,7 +35,9 @@ class NodeBuilder {
   Xml::XmlEnv* const m_env;
   v8::Isolate* const m_isolate;
   const v8::Local<v8::Context> m_context;
-  xmlDoc* const m_doc;
+  Tree* const m_tree;
+  size_t m_entries = 0;
+  size_t m_text = 0;
 };
 
 /// Whether a value is a string or a String object.

@@ -6,10 +6,6 @@
 
 namespace vnjs {
 
-/// The most attributes that an element may have, the namespaces it declares included. libxml2 compares each with
-/// all others: 5,000 take it a tenth of a second on a desktop machine, 100,000 take it a minute.
-constexpr size_t kMostAttributes = 5000;
-
 /// Parses a document that nobody vouches for. No file and no address that it names is read; entities that it
 /// declares itself are substituted; white space between elements is dropped; CDATA sections become text. Null
 /// where libxml2's last error of this thread says why. Throws VornException "XML error…" for documents that

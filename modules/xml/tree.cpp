@@ -1,5 +1,10 @@
 #include "modules/xml/tree.h"
 
+#include <libxml/dict.h>
+#include <libxml/valid.h>
+#include <vnjs/error.h>
+
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -13,6 +18,12 @@ constexpr int64_t kBlock = 16;
 
 /// A document with the table of names that the parser gives it.
 constexpr int64_t kDocumentSize = 6 * 1024;
+
+/// Shorter names are part of what is estimated for a node.
+constexpr int64_t kUsualName = 48;
+
+/// What the parser takes for the value of an attribute, in bytes (XML_MAX_TEXT_LENGTH of libxml2).
+constexpr size_t kLongestValue = 10000000;
 
 /// About what a declaration takes beside the texts of an entity.
 constexpr int64_t kDeclarationSize = 128;
@@ -37,10 +48,33 @@ int64_t TextSize(const xmlChar* text) {
   return text == nullptr ? 0 : static_cast<int64_t>(strlen(FromXml(text))) + kBlock;
 }
 
+/// Names that the parser has read are in the document's table; those that scripts give are not.
+int64_t NameSize(const xmlDoc* doc, const xmlChar* name) {
+  const int64_t size = TextSize(name);
+  if (size <= kUsualName) return 0;
+  return doc != nullptr && doc->dict != nullptr && xmlDictOwns(doc->dict, name) != 0 ? 0 : size;
+}
+
 int64_t AttributeSize(const xmlAttr* attribute) {
-  int64_t size = static_cast<int64_t>(sizeof(xmlAttr)) + kBlock;
+  int64_t size = static_cast<int64_t>(sizeof(xmlAttr)) + kBlock + NameSize(attribute->doc, attribute->name);
   for (const xmlNode* text = attribute->children; text != nullptr; text = text->next) {
     size += static_cast<int64_t>(sizeof(xmlNode)) + kBlock + TextSize(text->content);
+  }
+  return size;
+}
+
+int64_t SubtreeSize(const xmlNode* top);
+
+int64_t DeclarationsSize(const xmlNode* type) {
+  int64_t size = 0;
+  for (const xmlNode* declared = type->children; declared != nullptr; declared = declared->next) {
+    size += kDeclarationSize;
+    if (declared->type != XML_ENTITY_DECL) continue;
+    const auto* const entity = reinterpret_cast<const xmlEntity*>(declared);
+    size += TextSize(entity->content) + TextSize(entity->orig);
+    // What its text means, once it was used.
+    for (const xmlNode* node = entity->children; node != nullptr; node = node->next)
+      size += SubtreeSize(node);
   }
   return size;
 }
@@ -48,21 +82,17 @@ int64_t AttributeSize(const xmlAttr* attribute) {
 int64_t NodeSize(const xmlNode* node) {
   int64_t size = static_cast<int64_t>(sizeof(xmlNode)) + kBlock;
   if (node->type == XML_ELEMENT_NODE) {
+    size += NameSize(node->doc, node->name);
     for (const xmlAttr* attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
       size += AttributeSize(attribute);
     }
     for (const xmlNs* space = node->nsDef; space != nullptr; space = space->next) {
-      size += static_cast<int64_t>(sizeof(xmlNs)) + kBlock + TextSize(space->href);
+      size += static_cast<int64_t>(sizeof(xmlNs)) + kBlock + TextSize(space->href) + TextSize(space->prefix);
     }
   } else if (node->type == XML_TEXT_NODE || node->type == XML_COMMENT_NODE || node->type == XML_PI_NODE) {
     size += TextSize(node->content);
   } else if (node->type == XML_DTD_NODE) {
-    for (const xmlNode* declared = node->children; declared != nullptr; declared = declared->next) {
-      size += kDeclarationSize;
-      if (declared->type != XML_ENTITY_DECL) continue;
-      const auto* const entity = reinterpret_cast<const xmlEntity*>(declared);
-      size += TextSize(entity->content) + TextSize(entity->orig);
-    }
+    size += DeclarationsSize(node);
   }
   return size;
 }
@@ -97,6 +127,31 @@ xmlAttr* FindAttribute(const xmlNode* element, const std::string& name) {
   xmlAttr* attribute = element->properties;
   while (attribute != nullptr && !IsWrittenAs(attribute, name)) attribute = attribute->next;
   return attribute;
+}
+
+xmlAttr* FindAttribute(const xmlNode* element, const xmlChar* local, const xmlChar* uri) {
+  xmlAttr* attribute = element->properties;
+  while (attribute != nullptr && (attribute->ns == nullptr || xmlStrEqual(attribute->ns->href, uri) == 0 ||
+                                  xmlStrEqual(attribute->name, local) == 0)) {
+    attribute = attribute->next;
+  }
+  return attribute;
+}
+
+void CheckValue(const std::string& value) {
+  if (value.size() > kLongestValue) throw VornException("Text is too long for an XML attribute");
+}
+
+/// libxml2's own function for this finds attributes by their namespace, and changes their prefix.
+void SetValue(xmlAttr* attribute, const std::string& value) {
+  NodePointer text(xmlNewDocTextLen(attribute->doc, ToXml(value.data()), static_cast<int>(value.size())));
+  if (text == nullptr || text->content == nullptr) throw std::bad_alloc();
+  const bool isId = attribute->atype == XML_ATTRIBUTE_ID;
+  if (isId) xmlRemoveID(attribute->doc, attribute);
+  xmlFreeNodeList(attribute->children);
+  text->parent = reinterpret_cast<xmlNode*>(attribute);
+  attribute->children = attribute->last = text.release();
+  if (isId) xmlAddID(nullptr, attribute->doc, ToXml(value.c_str()), attribute);
 }
 
 /// Whether the element declares the namespace that an attribute of that name would declare once more.
@@ -214,19 +269,33 @@ void Tree::SetText(xmlNode* element, const std::string* text) {
 
 void Tree::SetAttribute(xmlNode* element, const std::string& name, const std::string& value) {
   if (DeclaresNamespace(element, name)) return;
+  CheckValue(value);
   const int64_t size = NodeSize(element);
-  if (const xmlAttr* const known = FindAttribute(element, name)) {
-    if (xmlSetNsProp(element, known->ns, known->name, ToXml(value.c_str())) == nullptr)
-      throw std::bad_alloc();
-  } else {
-    int prefixSize = 0;
-    const xmlChar* const local = xmlSplitQName3(ToXml(name.c_str()), &prefixSize);
+  xmlAttr* attribute = FindAttribute(element, name);
+  int prefixSize = 0;
+  const xmlChar* const local = xmlSplitQName3(ToXml(name.c_str()), &prefixSize);
+  xmlNs* space = nullptr;
+  if (attribute == nullptr && local != nullptr) {
     const std::string prefix(name, 0, static_cast<size_t>(prefixSize));
-    xmlNs* const space =
-        local == nullptr ? nullptr : xmlSearchNs(m_doc.get(), element, ToXml(prefix.c_str()));
+    space = xmlSearchNs(m_doc.get(), element, ToXml(prefix.c_str()));
+    // Another prefix may mean the same namespace.
+    if (space != nullptr) attribute = FindAttribute(element, local, space->href);
+  }
+  if (attribute != nullptr) {
+    SetValue(attribute, value);
+  } else {
+    size_t count = 0;
+    for (const xmlAttr* other = element->properties; other != nullptr; other = other->next) ++count;
+    for (const xmlNs* other = element->nsDef; other != nullptr; other = other->next) ++count;
+    if (count >= kMostAttributes) throw VornException("Too many XML attributes");
     NewAttribute(element, space, space == nullptr ? name.c_str() : FromXml(local), value);
   }
+  NoteName(name);
   m_size += NodeSize(element) - size;
+}
+
+void Tree::NoteName(const std::string& name) {
+  m_hasForeignNames |= std::any_of(name.begin(), name.end(), [](char c) { return (c & 0x80) != 0; });
 }
 
 bool Tree::RemoveAttribute(xmlNode* element, const std::string& name) {
@@ -249,14 +318,15 @@ XmlTextPointer GetAttributeValue(const xmlNode* element, const std::string& name
 }
 
 void AddAttribute(xmlNode* element, const std::string& name, const std::string& value) {
+  CheckValue(value);
   if (xmlAttr* const attribute = FindAttribute(element, name)) xmlRemoveProp(attribute);
   NewAttribute(element, nullptr, name.c_str(), value);
 }
 
 void AddText(xmlNode* element, const std::string& text) {
-  xmlNode* const node = xmlNewDocTextLen(element->doc, ToXml(text.data()), static_cast<int>(text.size()));
-  if (node == nullptr) throw std::bad_alloc();
-  xmlAddChild(element, node);
+  NodePointer node(xmlNewTextLen(ToXml(text.data()), static_cast<int>(text.size())));
+  if (node == nullptr || node->content == nullptr) throw std::bad_alloc();
+  xmlAddChild(element, node.release());
 }
 
 }  // namespace vnjs

@@ -33,6 +33,10 @@ inline const char* FromXml(const xmlChar* text) { return reinterpret_cast<const 
 /// built: it could not be parsed again, and libxml2 looks at all ancestors of a node where it sorts.
 constexpr int kDeepest = 256;
 
+/// The most attributes that an element may have, the namespaces it declares included. libxml2 compares each with
+/// all others: 5,000 take it a tenth of a second on a desktop machine, 100,000 take it a minute.
+constexpr size_t kMostAttributes = 5000;
+
 /// One document's nodes, and who points where.
 ///
 /// Scripts keep objects of elements for as long as they like, and elements are freed by the next edit. So an
@@ -97,17 +101,25 @@ class Tree {
   void SetText(xmlNode* element, const std::string* text);
 
   /// Adds an attribute or changes its value. The prefix of a name means the namespace that it has at this
-  /// place, where it has one. Does nothing for a namespace declaration that the parser has read.
+  /// place, where it has one. Does nothing for a namespace declaration that the parser has read. Throws
+  /// VornException for more attributes, or a longer value, than a document can have.
   void SetAttribute(xmlNode* element, const std::string& name, const std::string& value);
 
   /// Removes the first attribute of that name, whatever its prefix. False when there is none.
   bool RemoveAttribute(xmlNode* element, const std::string& name);
+
+  /// A script has given this name to an element or an attribute.
+  void NoteName(const std::string& name);
+
+  /// Whether a script has given names that not every encoding can write.
+  bool HasForeignNames() const { return m_hasForeignNames; }
 
  private:
   void Free(xmlNode* node);
 
   const DocPointer m_doc;
   int64_t m_size = 0;
+  bool m_hasForeignNames = false;
 
   /// In a deque, because they must stay where they are.
   std::deque<Slot> m_slots;
@@ -119,7 +131,7 @@ class Tree {
 XmlTextPointer GetAttributeValue(const xmlNode* element, const std::string& name);
 
 /// Adds an attribute to a new element, where names are taken as they are. A second one of the same name
-/// changes the first.
+/// changes the first. Throws VornException for a value that is too long.
 void AddAttribute(xmlNode* element, const std::string& name, const std::string& value);
 
 /// Adds a text behind an element's children.

@@ -35,6 +35,10 @@ constexpr unsigned long kMostSteps = 10000000;
 /// evaluation starts as if it were in this depth already.
 constexpr int kDepthBefore = 4600;
 
+/// What a result may hold, in nodes and in bytes of text: the engine cannot be asked for more in one call.
+constexpr int kMostResults = 1000000;
+constexpr size_t kMostText = 128 * 1024 * 1024;
+
 /// Null when the expression cannot be evaluated.
 ResultPointer Evaluate(const char* expression, xmlDoc* doc, xmlNode* contextNode,
                        const Xml::Namespaces& namespaces) {
@@ -166,10 +170,14 @@ v8::MaybeLocal<v8::Value> Xml::FindAll(XmlEnv* env, const char* expression, xmlD
     values.push_back(value);
   } else if (result != nullptr && result->type == XPATH_NODESET && result->nodesetval != nullptr) {
     const xmlNodeSet* const nodes = result->nodesetval;
+    if (nodes->nodeNr > kMostResults) throw VornException("XPath result is too large");
     values.reserve(static_cast<size_t>(nodes->nodeNr));
+    size_t text = 0;
     for (int i = 0; i < nodes->nodeNr; ++i) {
       if (!reader.Read(nodes->nodeTab[i]).ToLocal(&value)) return {};
       values.push_back(value);
+      if (value->IsString()) text += static_cast<size_t>(value.As<v8::String>()->Length());
+      if (text > kMostText) throw VornException("XPath result is too large");
     }
   }
   return v8::Array::New(env->isolate(), values.data(), values.size()).As<v8::Value>();

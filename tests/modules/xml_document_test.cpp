@@ -66,6 +66,10 @@ TEST_F(XmlDocumentTest, KeepsWhatCounts) {
       {R"(var latin = '<?xml version="1.0" encoding="ISO-8859-1"?>\n<a>ä</a>\n'; parse(latin).toString() === latin)",
        "true"},
       {"var d = parse(latin); d.root.text = 'ü€'; parse(d.toString()).root.text", "\"\u00fc\u20ac\""},
+      {"var us = parse('<?xml version=\"1.0\" encoding=\"US-ASCII\"?><r/>'); us.root.insertChild({name: "
+       "'ä'}); "
+       "parse(us.toString()).root.children[0].name",
+       "\"\u00e4\""},
   });
 }
 
@@ -219,9 +223,31 @@ TEST_F(XmlDocumentTest, HostileDocumentsEndInAnError) {
       {"parse(`<r><!-- <a ${'= '.repeat(1e5)} --><![CDATA[<a ${'= '.repeat(1e5)}]]></r>`).root.text.length",
        "200003"},
       {"parse(`<r a=\">${'= '.repeat(1e5)}\">${'= '.repeat(1e5)}</r>`).root.text.length", "200000"},
-      {"fail(() => parse(`<!DOCTYPE r [<!ATTLIST a ${attributes(2000).replaceAll('=', ' CDATA ')}>]><r>\\n"
-       "${'<a/>'.repeat(1e5)}</r>`))",
+      // Declared attributes, in a document that is well formed and in one that is not.
+      {"var declared = `<!DOCTYPE r [<!ATTLIST a ${attributes(400).replaceAll('=', ' CDATA ')}>]>\n`; "
+       "fail(() => parse(`${declared}<r>${'<a/>'.repeat(1e5)}</r>`))",
        R"("XML error at line 2: Too many attributes by default")"},
+      {"outcome(`${declared}<r b='' b=''>${'<a/>'.repeat(1e5)}</r>`)", R"("XML error")"},
+      {"fail(() => parse(`<!DOCTYPE r [<!-- ' ]> --><?p ' ]> ?><!ENTITY e ']>\"'><!ENTITY f "
+       "'${'x'.repeat(8200)}'>]><r/>`))",
+       R"("XML error: Document type is too long")"},
+      {"outcome('<!DOCTYPE r [<!ATTLIST r ' + Array.from({length: 300}, (n, i) => `i${i} ID "
+       "#IMPLIED`).join(' ') + "
+       "'>]><r/>')",
+       R"("no except")"},
+      {"fail(() => parse('<!DOCTYPE r [' + Array.from({length: 19}, (n, i) => `<!ENTITY e${i} "
+       "\"${'<a>'.repeat(40)}"
+       "${i ? `&e${i - 1};` : ''}${'</a>'.repeat(40)}\">`).join('') + ']><r>&e18;</r>'))",
+       R"("XML error at line 1: Too many elements in entities")"},
+      {"fail(() => parse('<!DOCTYPE r [<!ENTITY e \"' + '<a>'.repeat(150) + '</a>'.repeat(150) + '\">]>' + "
+       "'<r>'.repeat(150) "
+       "+ '&e;' + '</r>'.repeat(150)))",
+       R"("XML error: Nested too deeply")"},
+      {"fail(() => parse('<!DOCTYPE r [<!ENTITY e \"' + '<a/>'.repeat(150) + '\">]><r>' + '&e;'.repeat(1e5) "
+       "+ '</r>'))",
+       R"("XML error at line 1: Too much text from entities")"},
+      {"outcome('<a><b>' + 'xxxxxxx&amp;'.repeat(1.3e6) + '</b><c/></a>')", R"("XML error")"},
+      {"body(parse('<!DOCTYPE r [<!ENTITY % p \"\"> %p;]><r>&foo;x</r>')).includes('foo')", "false"},
       {"fail(() => parse(`<r ${attributes(4000).replaceAll('a', 'xmlns:a')}>`.repeat(4)))",
        R"("XML error at line 1: Too many namespaces")"},
       {"parse('<r>' + '<a/>'.repeat(1e5) + '</r>').root.children.length", "100000"},
@@ -240,7 +266,20 @@ TEST_F(XmlDocumentTest, HostileObjectsEndInAnError) {
        "var d = parse(build(nest(256))); d.findAll('//a').length",
        "256"},
       {"fail(() => d.findOne('//a[not(a)]').insertChild({name: 'b'}))", R"("XML is nested too deeply")"},
-      {"fail(() => build({name: 'a', children: new Array(4e9)}))", R"("Too many XML elements")"},
+      {"fail(() => build({name: 'a', children: new Array(4e9)}))", R"("XML is too large")"},
+      {"var shared = {name: 'x'}; for (let i = 0; i < 60; ++i) shared = {name: 'x', children: [shared, "
+       "shared]}; "
+       "fail(() => build(shared))",
+       R"("XML is too large")"},
+      {"var text = 'x'.repeat(1e7); fail(() => build({name: 'a', children: Array.from({length: 20}, () => "
+       "({name: 'b', "
+       "text}))}))",
+       R"("XML is too large")"},
+      {"[fail(() => build({name: 'a', attributes: {k: text + 'x'}})), fail(() => d.root.insertChild({name: "
+       "'b'}) && "
+       "(d.root.attributes.k = text + 'x'))].filter(m => m != 'Text is too long for an XML "
+       "attribute').length",
+       "1"},
       {"fail(() => build({name: 'a', attributes: Object.fromEntries(Array.from({length: 5001}, (n, i) => "
        "['k' + i, 1]))}))",
        R"("Too many XML attributes")"},
@@ -250,6 +289,10 @@ TEST_F(XmlDocumentTest, HostileObjectsEndInAnError) {
        "}})]}))",
        R"("name")"},
       {"build(new Proxy({name: 'p', text: 'x'}, {}))", R"("<p>x</p>")"},
+      // Neither queries nor edits reach an element that is still being built.
+      {"var n, d = parse('<!DOCTYPE r [<!ATTLIST a id ID #IMPLIED>]><r/>'); fail(() => d.root = {name: 'a', "
+       "attributes: {id: 'x'}, get children() { n = d.findOne('id(\"x\")'); throw new Error('mine'); }}) + n",
+       R"("minenull")"},
       // The value replaces and drops, while it is read, the document's root and itself.
       {"var d = parse('<r><x/></r>'); d.root = {get name() { d.root = {name: 'inner'}; return 'outer'; }, "
        "get children() { return [d.root]; }}; body(d)",

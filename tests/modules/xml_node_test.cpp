@@ -85,6 +85,11 @@ TEST_F(XmlNodeTest, AttributesAreAMap) {
        R"([["a","lang"],"1","1","de"])"},
       {"m['p:a'] = 2; m['p:b'] = 3; m['q:c'] = 4; [body(n), delete m['p:b'], delete m.b]",
        R"(["<r xmlns:p=\"u\" p:a=\"2\" xml:lang=\"de\" p:b=\"3\" q:c=\"4\"/>",false,true])"},
+      {"var t = root('<r xmlns:p=\"u\" xmlns:q=\"u\" p:a=\"1\"/>'); t.attributes['q:a'] = 2; body(t)",
+       R"("<r xmlns:p=\"u\" xmlns:q=\"u\" p:a=\"2\"/>")"},
+      {"for (let i = 0; i < 4997; ++i) t.attributes['k' + i] = i; [fail(() => t.attributes.more = 1), "
+       "t.attributes.more]",
+       R"(["Too many XML attributes",null])"},
       // Declared with a default, an attribute has a value before it is there.
       {"root('<!DOCTYPE r [<!ATTLIST r d CDATA \"x\" i ID #IMPLIED>]><r i=\"k\"/>').attributes.d", R"("x")"},
       {"var i = root('<!DOCTYPE r [<!ATTLIST e i ID #IMPLIED>]><r><e i=\"k\"/></r>'); "
