@@ -30,8 +30,14 @@ bool Automation::HasPendingWork() const {
 }
 
 void Automation::EnableDebug(unsigned short port) {
-  // This build has no debug agent, so there is no port that it could open.
-  m_debug = false;
+  if (m_debug) return;
+  m_debug = StartDebugAgent(port);
+  if (m_debug) EnvironmentImpl::ProvideCurrentIsolate();
+}
+
+bool Automation::WaitForDebugger(unsigned int milliseconds) {
+  return static_cast<EnvironmentImpl*>(m_environment)
+      ->WaitForDebugger(std::chrono::milliseconds(milliseconds));
 }
 
 }  // namespace vnjs

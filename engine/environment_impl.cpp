@@ -52,6 +52,7 @@ void EnvironmentImpl::CreateContext() {
           context->Global()
               ->DefineOwnProperty(context, NewName(m_isolate, "global"), context->Global(), v8::DontEnum)
               .FromMaybe(false);
+      if (created) m_debugTarget = NewDebugTarget(this);
     }
   }
   if (created) return;
@@ -60,12 +61,21 @@ void EnvironmentImpl::CreateContext() {
   throw VornException("Cannot create script context");
 }
 
+void EnvironmentImpl::ProvideCurrentIsolate() {
+  StartEngine();
+  if (v8::Isolate::TryGetCurrent() != nullptr) return;
+  v8::Isolate::CreateParams params;
+  params.array_buffer_allocator_shared = ABMallocAllocator::Shared();
+  v8::Isolate::New(params)->Enter();
+}
+
 EnvironmentImpl::~EnvironmentImpl() { End(); }
 
 void EnvironmentImpl::End() {
   // 1. From here on callbacks, threads and variables are refused, and callers that wait for the worker give up.
   m_terminating = true;
   m_ending = true;
+  if (m_debugTarget != nullptr) m_debugTarget->Close();
 
   // 2. The worker ends at its next test. Afterwards only callers inside Run or ProcessPendingCallbacks and the
   //    named threads can still touch this object.
@@ -90,6 +100,7 @@ void EnvironmentImpl::End() {
     }
   }
   threads.clear();
+  if (m_debugTarget != nullptr) m_debugTarget->Join();
 
   // 4. and 5. With no other thread left, the script state goes, and the isolate with it.
   ReleaseScriptState();
@@ -101,6 +112,7 @@ void EnvironmentImpl::End() {
 void EnvironmentImpl::ReleaseScriptState() {
   {
     const ScriptScope scope(m_isolate, m_context);
+    m_debugTarget.reset();
     std::vector<VRefCountedPointer<CallbackBase>> callbacks;
     {
       const CallbackLock callbackLock(this);
@@ -138,6 +150,34 @@ void EnvironmentImpl::ReleaseScriptState() {
     m_isolate->Dispose();
   }
   m_isolate = nullptr;
+}
+
+void EnvironmentImpl::DispatchDebugMessages() {
+  v8::Isolate* const isolate = v8::Isolate::TryGetCurrent();
+  if (isolate == nullptr) return;
+  auto* const self = static_cast<EnvironmentImpl*>(GetEnvironment(isolate));
+  if (self == nullptr || self->m_debugTarget == nullptr) return;
+  const ScriptScope scope(isolate, self->m_context);
+  self->m_debugTarget->Dispatch();
+}
+
+void EnvironmentImpl::ProcessDebugMessages() {
+  const Caller caller(this);
+  Entry entry(this);
+  DispatchDebugMessages();
+  entry.Settle();
+}
+
+bool EnvironmentImpl::WaitForDebugger(std::chrono::milliseconds time) {
+  if (m_debugTarget == nullptr) return false;
+  const Caller caller(this);
+  Entry entry(this);
+  return m_debugTarget->WaitForClient(time);
+}
+
+void EnvironmentImpl::Log(int level, const std::string& message, const char* module) {
+  Environment::Log(level, message, module);
+  if (m_debugTarget != nullptr) m_debugTarget->Log(level, message);
 }
 
 _VNLog* EnvironmentImpl::GetLogger() {

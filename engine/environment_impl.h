@@ -6,6 +6,7 @@
 #include <vnjs/lock.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -13,6 +14,7 @@
 
 #include "bridge/json.h"
 #include "bridge/script_scope.h"
+#include "engine/debug/debugger.h"
 #include "engine/dropped_handles.h"
 #include "engine/rejections.h"
 #include "engine/script_store.h"
@@ -56,6 +58,21 @@ class EnvironmentImpl final : public Environment {
 
   /// What `exit()` does: from now on callbacks, threads and variables are refused. Nothing is interrupted.
   void SetTerminating() { m_terminating = true; }
+
+  void Log(int level, const std::string& message, const char* module) override;
+
+  /// Gives the calling thread a current isolate for the rest of the process, unless it has one: where the first
+  /// environment goes when debugging is on.
+  static void ProvideCurrentIsolate();
+
+  /// Handles what debuggers have sent to the environment of the current isolate. Under its lock.
+  static void DispatchDebugMessages();
+
+  /// The same for this one, on a thread that has not entered the isolate.
+  void ProcessDebugMessages();
+
+  /// See Automation.
+  bool WaitForDebugger(std::chrono::milliseconds time);
 
   /// A named thread was joined or detached.
   void DeleteThreadRef(const std::string& name);
@@ -140,6 +157,9 @@ class EnvironmentImpl final : public Environment {
   Rejections m_rejections;
   int m_entries = 0;
   int m_pausing = 0;
+
+  /// Null while debugging is off.
+  std::unique_ptr<DebugTarget> m_debugTarget;
 };
 
 class EnvironmentImpl::Caller {

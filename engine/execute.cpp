@@ -92,6 +92,8 @@ RunResult EnvironmentImpl::Execute(const PendingCode& code) {
 RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const PendingCode& code) {
   if (context.IsEmpty()) return {"Environment is not ready to run code", true};
   v8::TryCatch caught(m_isolate);
+  // What only we catch, a debugger takes for uncaught.
+  caught.SetVerbose(m_debugTarget != nullptr);
   v8::Local<v8::Script> script;
   const bool compiled = m_scripts.Compile(context, code.m_code, code.m_source).ToLocal(&script);
   LogExecuting(code.m_code);
@@ -107,6 +109,7 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
     return {"JavaScript compilation error: " + text, true, position};
   }
 
+  if (m_debugTarget != nullptr) m_debugTarget->OnScriptStart();
   v8::Local<v8::Value> value;
   const bool ended = script->Run(context).ToLocal(&value);
   // A termination can also have ended the microtasks alone, after the script itself returned.

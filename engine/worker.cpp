@@ -149,7 +149,9 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
 /// Returns whether the callback was ended by a termination.
 bool EnvironmentImpl::CallPending(CallbackBase* callback) {
   const v8::HandleScope scope(m_isolate);
-  const v8::TryCatch caught(m_isolate);
+  v8::TryCatch caught(m_isolate);
+  caught.SetVerbose(m_debugTarget != nullptr);
+  if (m_debugTarget != nullptr) m_debugTarget->OnScriptStart();
   std::string failure;
   try {
     callback->Call();
@@ -192,6 +194,9 @@ void EnvironmentImpl::DeliverTermination() {
 /// Lets threads that wait for the isolate have it for a moment. The isolate may be entered several times
 /// below, by nested runs or by the host.
 void EnvironmentImpl::YieldIsolate() {
+  // A thread that comes back to an isolate with breakpoints crashes in the engine, which looks for a current isolate
+  // before the thread can have one. While debuggers may come, other threads wait for the end of the call.
+  if (m_debugTarget != nullptr) return;
   int entered = 0;
   while (v8::Isolate::TryGetCurrent() == m_isolate) {
     m_isolate->Exit();

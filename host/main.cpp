@@ -37,6 +37,10 @@ struct Options {
   double seconds = std::numeric_limits<double>::infinity();
   bool threaded = false;
   bool quiet = false;
+
+  /// Ports for debuggers; 0 when not asked for.
+  int debugPort = 0;
+  int debugBreakPort = 0;
 };
 
 const std::map<std::string, LogLevel> kLogLevels = {
@@ -57,6 +61,15 @@ const CLI::Validator kIsSeconds(
       const double seconds = strtod(text.c_str(), &end);
       const bool valid = !text.empty() && *end == '\0' && seconds >= 0;
       return valid ? "" : "'" + text + "' is not a number of seconds";
+    },
+    "");
+
+const CLI::Validator kIsPort(
+    [](std::string& text) {
+      char* end = nullptr;
+      const long port = strtol(text.c_str(), &end, 10);
+      const bool valid = !text.empty() && *end == '\0' && port > 0 && port <= 65535;
+      return valid ? "" : "'" + text + "' is not a port";
     },
     "");
 
@@ -87,6 +100,11 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
   run->add_option("--for", options.seconds, "End after this time, though timers are left")
       ->type_name("SECONDS")
       ->check(kIsSeconds);
+  run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach; --debug=PORT for another port")
+      ->check(kIsPort);
+  run->add_flag("--debug-brk{9229}", options.debugBreakPort,
+                "The same, and wait for one before the first line")
+      ->check(kIsPort);
   AddCommonOptions(run, options);
   run->footer(
       "DIR is the first file's folder when not given; DIR/storage is made.\n"
@@ -120,6 +138,15 @@ std::string PrepareStorage(const Options& options) {
   return folder.string();
 }
 
+/// Before there is an environment.
+void ListenForDebuggers(int port) {
+  Automation::EnableDebug(static_cast<unsigned short>(port));
+  if (!Automation::m_debug) throw UsageError("cannot open port " + std::to_string(port) + " for debuggers");
+  fprintf(stderr,
+          "vnjs: debuggers find this at 127.0.0.1:%d: chrome://inspect, or `node inspect 127.0.0.1:%d`\n",
+          port, port);
+}
+
 ExitStatus RunFiles(Runner& runner, const Options& options) {
   for (const std::string& path : options.files) {
     if (runner.IsStopped()) break;
@@ -137,9 +164,12 @@ ExitStatus Execute(const CLI::App& app, const Options& options) {
   for (const std::string& path : options.files) CheckFile(path);
   const bool run = app.got_subcommand("run");
   const std::string storageDir = PrepareStorage(options);
+  const int debugPort = options.debugBreakPort != 0 ? options.debugBreakPort : options.debugPort;
+  if (debugPort != 0) ListenForDebuggers(debugPort);
   Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded);
   if (run) {
     runner.StopOnSignals();
+    if (options.debugBreakPort != 0) runner.WaitForDebugger();
     return RunFiles(runner, options);
   }
   return runner.Evaluate(options.code) ? kFine : kFailed;

@@ -82,6 +82,12 @@ void Runner::InterruptWhenSignalled() {
   }
 }
 
+void Runner::WaitForDebugger() {
+  constexpr unsigned int kPoll = 100;
+  while (!IsStopped() && !m_automation.WaitForDebugger(kPoll)) {
+  }
+}
+
 bool Runner::RunFile(const std::string& path) { return Report(m_automation.RunFile(path.c_str()), path); }
 
 bool Runner::Evaluate(const std::string& code) {

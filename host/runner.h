@@ -31,6 +31,9 @@ class Runner {
   /// Lets SIGINT and SIGTERM stop it from now on. Once per process.
   void StopOnSignals();
 
+  /// Waits for a debugger, so that the next script stops at its first statement, or until it was asked to stop.
+  void WaitForDebugger();
+
   /// Runs one file. False when the script failed. Throws VornException when the file cannot be read.
   bool RunFile(const std::string& path);
 

@@ -43,9 +43,16 @@ class VNJS_API Automation {
   /// Owned by this object.
   Environment* GetEnvironment() const { return m_environment; }
 
-  /// Turns remote debugging on for the process, before any Automation is made. m_debug tells whether the port
-  /// could be opened.
+  /// Turns remote debugging on for the process, before any Automation is made: debuggers find each environment on
+  /// this port of 127.0.0.1. m_debug tells whether the port could be opened; port 0 is refused. The calling
+  /// thread gets a current isolate if it has none, which the first environment it makes uses. With debugging on,
+  /// a second call does nothing.
   static void EnableDebug(unsigned short port);
+
+  /// Waits until a debugger has attached to this environment and is ready (`Runtime.runIfWaitingForDebugger`), at
+  /// most so long; the next script then stops at its first statement. False when none came, or debugging is off.
+  /// Keeps all scripts of the environment waiting. Not from a script.
+  bool WaitForDebugger(unsigned int milliseconds);
 
   static bool m_debug;
 

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace vnjs {
+
+class EnvironmentImpl;
+
+/// One environment, as debuggers see it.
+///
+/// Owner:    the environment.
+/// Threads:  made, dispatched and destroyed under the isolate's lock, inside the context; each operation says so
+///           where it differs.
+/// Ending:   Close, then Join, then destruction, in this order.
+class DebugTarget {
+ public:
+  virtual ~DebugTarget() = default;
+
+  /// Handles what clients have sent. May run script code, and stay for as long as a client has it paused.
+  virtual void Dispatch() = 0;
+
+  /// Some code is about to run. Lets it stop at its first statement when a client has asked for that while nothing
+  /// ran: what the engine remembers of it itself belongs to a thread, and is lost when the thread leaves.
+  virtual void OnScriptStart() = 0;
+
+  /// Shows a line of the log in the clients' consoles. Any thread.
+  virtual void Log(int level, const std::string& text) = 0;
+
+  /// Waits until a client is ready and has said so, at most so long, then lets the next code that runs stop at
+  /// its first statement. False when none came.
+  virtual bool WaitForClient(std::chrono::milliseconds time) = 0;
+
+  /// Resumes what is paused, and keeps everything from pausing again. Any thread.
+  virtual void Close() = 0;
+
+  /// Ends the target's own thread, which may be waiting for the isolate. Not under the isolate's lock.
+  virtual void Join() = 0;
+};
+
+/// Opens the port for debuggers, once per process. False when that fails, or when this build has no agent.
+bool StartDebugAgent(unsigned short port);
+
+/// Null when the agent does not run. Under the isolate's lock, inside the context.
+std::unique_ptr<DebugTarget> NewDebugTarget(EnvironmentImpl* env);
+
+}  // namespace vnjs

@@ -1,0 +1,77 @@
+#include "engine/debug/mailbox.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace vnjs {
+
+namespace {
+
+/// The lines of the log that a client sees which comes late.
+constexpr size_t kKeptLines = 200;
+
+}  // namespace
+
+DebugMailbox::DebugMailbox(v8::Isolate* isolate, v8::InterruptCallback interrupt)
+    : m_isolate(isolate), m_interrupt(interrupt) {}
+
+bool DebugMailbox::Post(DebugMessage message) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_closed) return false;
+  m_messages.push_back(std::move(message));
+  m_changed.notify_all();
+  m_isolate->RequestInterrupt(m_interrupt, nullptr);
+  return true;
+}
+
+bool DebugMailbox::Take(DebugMessage* message) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_messages.empty()) return false;
+  *message = std::move(m_messages.front());
+  m_messages.pop_front();
+  return true;
+}
+
+bool DebugMailbox::Wait(std::chrono::milliseconds time) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_changed.wait_for(lock, time, [this] { return m_closed || !m_messages.empty(); }) &&
+         !m_messages.empty();
+}
+
+bool DebugMailbox::WaitForMailOrClose() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait(lock, [this] { return m_closed || !m_messages.empty(); });
+  return !m_closed;
+}
+
+void DebugMailbox::Close() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_closed = true;
+  m_changed.notify_all();
+}
+
+bool DebugMailbox::IsClosed() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  return m_closed;
+}
+
+void DebugMailbox::Log(std::string line) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  for (const auto& listener : m_listeners) listener->Send(line);
+  m_lines.push_back(std::move(line));
+  if (m_lines.size() > kKeptLines) m_lines.pop_front();
+}
+
+void DebugMailbox::Listen(const std::shared_ptr<DebugConnection>& connection) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  if (std::find(m_listeners.begin(), m_listeners.end(), connection) != m_listeners.end()) return;
+  for (const std::string& line : m_lines) connection->Send(line);
+  m_listeners.push_back(connection);
+}
+
+void DebugMailbox::Forget(const std::shared_ptr<DebugConnection>& connection) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_listeners.erase(std::remove(m_listeners.begin(), m_listeners.end(), connection), m_listeners.end());
+}
+
+}  // namespace vnjs

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <v8.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/debug/server.h"
+
+namespace vnjs {
+
+/// What a client has done.
+struct DebugMessage {
+  enum Kind { kConnect, kText, kDisconnect };
+
+  Kind kind = kText;
+  int client = 0;
+  std::string text;
+  std::shared_ptr<DebugConnection> connection;
+};
+
+/// The way from the server's thread to the thread that holds an isolate, and from any thread to the clients'
+/// consoles.
+///
+/// Owner:    shared by the target and its clients, which may outlive it.
+/// Threads:  any.
+/// Ending:   once Close was called it takes nothing more, touches the isolate no more, and nobody waits.
+class DebugMailbox {
+ public:
+  /// `interrupt` is called on the thread that runs script code when there is mail for it.
+  DebugMailbox(v8::Isolate* isolate, v8::InterruptCallback interrupt);
+
+  /// False when closed.
+  bool Post(DebugMessage message);
+  bool Take(DebugMessage* message);
+
+  /// Waits for mail, at most so long. False when there is none.
+  bool Wait(std::chrono::milliseconds time);
+  bool WaitForMailOrClose();
+  void Close();
+  bool IsClosed();
+
+  /// Sends a line to all listeners, and keeps it for those to come.
+  void Log(std::string line);
+
+  /// Sends the last lines, and from now on each. Once for each connection.
+  void Listen(const std::shared_ptr<DebugConnection>& connection);
+  void Forget(const std::shared_ptr<DebugConnection>& connection);
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  v8::Isolate* const m_isolate;
+  const v8::InterruptCallback m_interrupt;
+  bool m_closed = false;
+  std::deque<DebugMessage> m_messages;
+  std::deque<std::string> m_lines;
+  std::vector<std::shared_ptr<DebugConnection>> m_listeners;
+};
+
+}  // namespace vnjs

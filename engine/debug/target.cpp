@@ -1,0 +1,246 @@
+#include "engine/debug/target.h"
+
+#include <vnjs/thread.h>
+
+#include <boost/locale/encoding_utf.hpp>
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "engine/debug/agent.h"
+#include "engine/debug/inspector_api.h"
+#include "engine/environment_impl.h"
+
+namespace vnjs {
+
+namespace {
+
+using v8_inspector::StringBuffer;
+using v8_inspector::StringView;
+
+/// Contexts of a group are debugged together; an environment has one context.
+constexpr int kGroup = 1;
+
+StringView ToView(const std::string& ascii) {
+  return {reinterpret_cast<const uint8_t*>(ascii.data()), ascii.size()};
+}
+
+StringView ToView(const std::u16string& text) {
+  return {reinterpret_cast<const uint16_t*>(text.data()), text.size()};
+}
+
+std::u16string ToUtf16(const std::string& text) {
+  return boost::locale::conv::utf_to_utf<char16_t>(text.data(), text.data() + text.size());
+}
+
+/// The engine's 8-bit texts are Latin-1.
+std::string ToUtf8(const StringView& view) {
+  const std::u16string text = view.is8Bit()
+                                  ? std::u16string(view.characters8(), view.characters8() + view.length())
+                                  : std::u16string(view.characters16(), view.characters16() + view.length());
+  return boost::locale::conv::utf_to_utf<char>(text.data(), text.data() + text.size());
+}
+
+double NowMs() {
+  return std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+/// How a level of the log looks in a console.
+const char* ConsoleType(int level) {
+  if (level <= 0) return "debug";
+  return level == 1 ? "log" : level == 2 ? "warning" : "error";
+}
+
+/// What a message asks for; empty for long ones, none of which we look at.
+std::string MethodOf(const std::string& message) {
+  constexpr size_t kLong = 1024;
+  if (message.size() > kLong) return {};
+  const nlohmann::json parsed = nlohmann::json::parse(message, nullptr, false);
+  const auto method = parsed.is_object() ? parsed.find("method") : parsed.end();
+  return method != parsed.end() && method->is_string() ? method->get<std::string>() : std::string();
+}
+
+void OnInterrupt(v8::Isolate*, void*) { EnvironmentImpl::DispatchDebugMessages(); }
+
+/// Reports of exceptions make the engine take them for uncaught, which is what a debugger stops at. The log has
+/// their texts already.
+void IgnoreReport(v8::Local<v8::Message>, v8::Local<v8::Value>) {}
+
+}  // namespace
+
+/// One client of a target.
+class InspectedTarget::Session : public v8_inspector::V8Inspector::Channel {
+ public:
+  Session(v8_inspector::V8Inspector* inspector, std::shared_ptr<DebugConnection> connection)
+      : m_connection(std::move(connection)), m_session(ConnectToInspector(inspector, kGroup, this)) {}
+
+  /// Handling a message may take as long as a pause. Until it has ended, the session must stay.
+  void Dispatch(const std::string& message) {
+    ++m_dispatching;
+    m_session->dispatchProtocolMessage(ToView(ToUtf16(message)));
+    --m_dispatching;
+  }
+
+  /// The client has gone: nothing pauses for it any more.
+  void Leave() {
+    m_gone = true;
+    m_session->setSkipAllPauses(true);
+  }
+
+  bool IsGone() const { return m_gone; }
+  bool CanBeDropped() const { return m_gone && m_dispatching == 0; }
+  const std::shared_ptr<DebugConnection>& connection() const { return m_connection; }
+  /// The client wants the next code to stop, whatever it is.
+  void PauseAtStart() { m_pausesAtStart = true; }
+  void OnScriptStart() {
+    if (std::exchange(m_pausesAtStart, false)) {
+      m_session->schedulePauseOnNextStatement(ToView(std::string("Break on start")), {});
+    }
+  }
+
+  void sendResponse(int, std::unique_ptr<StringBuffer> message) override {
+    m_connection->Send(ToUtf8(message->string()));
+  }
+  void sendNotification(std::unique_ptr<StringBuffer> message) override {
+    m_connection->Send(ToUtf8(message->string()));
+  }
+  void flushProtocolNotifications() override {}
+
+ private:
+  const std::shared_ptr<DebugConnection> m_connection;
+  const std::unique_ptr<v8_inspector::V8InspectorSession> m_session;
+  int m_dispatching = 0;
+  bool m_gone = false;
+  bool m_pausesAtStart = false;
+};
+
+InspectedTarget::InspectedTarget(EnvironmentImpl* env)
+    : m_env(env),
+      m_isolate(env->GetIsolate()),
+      m_mailbox(std::make_shared<DebugMailbox>(m_isolate, OnInterrupt)),
+      m_inspector(v8_inspector::V8Inspector::create(m_isolate, this)) {
+  const v8::Local<v8::Context> context = env->GetContext();
+  const std::u16string name = ToUtf16(env->StorageDir());
+  const std::string auxiliary = R"({"isDefault":true})";
+  v8_inspector::V8ContextInfo info(context, kGroup, ToView(name));
+  info.auxData = ToView(auxiliary);
+  m_inspector->contextCreated(info);
+  m_contextId = v8_inspector::V8ContextInfo::executionContextId(context);
+  m_isolate->AddMessageListener(IgnoreReport);
+  VCreateThread(ThreadFunc, this, &m_thread);
+  // Last: from here on clients come.
+  m_id = DebugAgent::Get()->Add(env->StorageDir(), m_mailbox);
+}
+
+InspectedTarget::~InspectedTarget() {
+  for (const auto& [client, session] : m_sessions) {
+    session->connection()->Send(R"({"method":"Inspector.detached","params":{"reason":"target_closed"}})");
+    session->connection()->Close();
+  }
+  m_sessions.clear();
+  m_inspector->contextDestroyed(m_env->GetContext());
+  m_isolate->RemoveMessageListeners(IgnoreReport);
+}
+
+void InspectedTarget::Close() {
+  DebugAgent::Get()->Remove(m_id);
+  m_mailbox->Close();
+}
+
+void InspectedTarget::Join() { VJoinThread(&m_thread); }
+
+void* InspectedTarget::ThreadFunc(void* target) {
+  auto* const self = static_cast<InspectedTarget*>(target);
+  set_thread_name("vorn/debug");
+  while (self->m_mailbox->WaitForMailOrClose()) self->m_env->ProcessDebugMessages();
+  return nullptr;
+}
+
+void InspectedTarget::Dispatch() {
+  DebugMessage message;
+  while (m_mailbox->Take(&message)) Handle(std::move(message));
+}
+
+void InspectedTarget::OnScriptStart() {
+  for (const auto& [client, session] : m_sessions) session->OnScriptStart();
+}
+
+void InspectedTarget::Handle(DebugMessage message) {
+  const v8::HandleScope handleScope(m_isolate);
+  if (message.kind == DebugMessage::kConnect) {
+    m_sessions[message.client] = std::make_unique<Session>(m_inspector.get(), std::move(message.connection));
+    return;
+  }
+  const auto found = m_sessions.find(message.client);
+  if (found == m_sessions.end()) return;
+  Session& session = *found->second;
+  if (message.kind == DebugMessage::kDisconnect) {
+    m_mailbox->Forget(session.connection());
+    session.Leave();
+  } else {
+    session.Dispatch(message.text);
+    const std::string method = MethodOf(message.text);
+    const bool isRunning = v8::StackTrace::CurrentStackTrace(m_isolate, 1)->GetFrameCount() > 0;
+    if (method == "Debugger.pause" && !isRunning) session.PauseAtStart();
+    if (method == "Runtime.enable" && !session.IsGone()) m_mailbox->Listen(session.connection());
+  }
+  DropGoneSessions();
+}
+
+void InspectedTarget::DropGoneSessions() {
+  bool isWatched = false;
+  for (auto entry = m_sessions.begin(); entry != m_sessions.end();) {
+    isWatched |= !entry->second->IsGone();
+    // Its end resumes what it alone has paused.
+    entry = entry->second->CanBeDropped() ? m_sessions.erase(entry) : std::next(entry);
+  }
+  // What a client has run itself may have paused, and the client gone.
+  if (!isWatched) m_paused = false;
+}
+
+void InspectedTarget::Log(int level, const std::string& text) {
+  const nlohmann::json line = {{"method", "Runtime.consoleAPICalled"},
+                               {"params",
+                                {{"type", ConsoleType(level)},
+                                 {"args", {{{"type", "string"}, {"value", text}}}},
+                                 {"executionContextId", m_contextId},
+                                 {"timestamp", NowMs()}}}};
+  m_mailbox->Log(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+bool InspectedTarget::WaitForClient(std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (!m_clientReady && !m_mailbox->IsClosed()) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    if (m_mailbox->Wait(left)) Dispatch();
+  }
+  for (const auto& [client, session] : m_sessions) session->PauseAtStart();
+  return m_clientReady;
+}
+
+void InspectedTarget::runMessageLoopOnPause(int) {
+  m_paused = true;
+  while (m_paused && m_mailbox->WaitForMailOrClose()) {
+    DebugMessage message;
+    while (m_paused && m_mailbox->Take(&message)) Handle(std::move(message));
+  }
+  m_paused = false;
+}
+
+void InspectedTarget::quitMessageLoopOnPause() { m_paused = false; }
+
+void InspectedTarget::runIfWaitingForDebugger(int) { m_clientReady = true; }
+
+v8::Local<v8::Context> InspectedTarget::ensureDefaultContextInGroup(int) { return m_env->GetContext(); }
+
+double InspectedTarget::currentTimeMS() { return NowMs(); }
+
+std::unique_ptr<DebugTarget> NewDebugTarget(EnvironmentImpl* env) {
+  if (DebugAgent::Get() == nullptr) return nullptr;
+  return std::make_unique<InspectedTarget>(env);
+}
+
+}  // namespace vnjs

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <v8-inspector.h>
+#include <v8.h>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "engine/debug/debugger.h"
+#include "engine/debug/mailbox.h"
+
+namespace vnjs {
+
+/// A target served by the engine's inspector.
+///
+/// What clients send reaches the isolate in one of three ways: while script code runs, the engine interrupts it;
+/// while nothing runs, the target's thread takes the isolate; while a client has the script paused, the paused
+/// thread reads its mail itself.
+class InspectedTarget final : public DebugTarget, private v8_inspector::V8InspectorClient {
+ public:
+  explicit InspectedTarget(EnvironmentImpl* env);
+  ~InspectedTarget() override;
+
+  void Dispatch() override;
+  void OnScriptStart() override;
+  void Log(int level, const std::string& text) override;
+  bool WaitForClient(std::chrono::milliseconds time) override;
+  void Close() override;
+  void Join() override;
+
+ private:
+  class Session;
+
+  void Handle(DebugMessage message);
+  void DropGoneSessions();
+  static void* ThreadFunc(void* target);
+
+  void runMessageLoopOnPause(int group) override;
+  void quitMessageLoopOnPause() override;
+  void runIfWaitingForDebugger(int group) override;
+  v8::Local<v8::Context> ensureDefaultContextInGroup(int group) override;
+  double currentTimeMS() override;
+
+  EnvironmentImpl* const m_env;
+  v8::Isolate* const m_isolate;
+  const std::shared_ptr<DebugMailbox> m_mailbox;
+  unsigned long m_thread = 0;
+
+  /// Of the context, for the inspector and for lines of the log.
+  int m_contextId = 0;
+  std::string m_id;
+
+  // Guarded by the isolate's Locker.
+  std::unique_ptr<v8_inspector::V8Inspector> m_inspector;
+  std::map<int, std::unique_ptr<Session>> m_sessions;
+  bool m_paused = false;
+  bool m_clientReady = false;
+};
+
+}  // namespace vnjs
