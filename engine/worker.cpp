@@ -115,7 +115,10 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   const Caller caller(this);
   Entry entry(this);
   if (entry.context().IsEmpty()) return false;
-  if (entry.IsOutermost()) RunEngineTasks();
+  if (entry.IsOutermost()) {
+    RunEngineTasks();
+    if (m_debugTarget != nullptr) m_debugTarget->Dispatch();
+  }
 
   std::vector<VRefCountedPointer<CallbackBase>> batch;
   {

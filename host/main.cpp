@@ -100,11 +100,8 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
   run->add_option("--for", options.seconds, "End after this time, though timers are left")
       ->type_name("SECONDS")
       ->check(kIsSeconds);
-  run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach; --debug=PORT for another port")
-      ->check(kIsPort);
-  run->add_flag("--debug-brk{9229}", options.debugBreakPort,
-                "The same, and wait for one before the first line")
-      ->check(kIsPort);
+  run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach; or --debug=PORT")->check(kIsPort);
+  run->add_flag("--debug-brk{9229}", options.debugBreakPort, "The same, and wait for one")->check(kIsPort);
   AddCommonOptions(run, options);
   run->footer(
       "DIR is the first file's folder when not given; DIR/storage is made.\n"

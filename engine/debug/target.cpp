@@ -5,6 +5,7 @@
 #include <boost/locale/encoding_utf.hpp>
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <thread>
 #include <utility>
 
 #include "engine/debug/agent.h"
@@ -20,6 +21,9 @@ using v8_inspector::StringView;
 
 /// Contexts of a group are debugged together; an environment has one context.
 constexpr int kGroup = 1;
+
+/// How long the thread that runs scripts has to read its mail: its next turn comes after 10 ms.
+constexpr std::chrono::milliseconds kPatience(50);
 
 StringView ToView(const std::string& ascii) {
   return {reinterpret_cast<const uint8_t*>(ascii.data()), ascii.size()};
@@ -95,6 +99,8 @@ class InspectedTarget::Session : public v8_inspector::V8Inspector::Channel {
   void PauseAtStart() { m_pausesAtStart = true; }
   void OnScriptStart() {
     if (std::exchange(m_pausesAtStart, false)) {
+      // What it remembers of an earlier wish would keep the engine from taking this one.
+      m_session->cancelPauseOnNextStatement();
       m_session->schedulePauseOnNextStatement(ToView(std::string("Break on start")), {});
     }
   }
@@ -153,7 +159,11 @@ void InspectedTarget::Join() { VJoinThread(&m_thread); }
 void* InspectedTarget::ThreadFunc(void* target) {
   auto* const self = static_cast<InspectedTarget*>(target);
   set_thread_name("vorn/debug");
-  while (self->m_mailbox->WaitForMailOrClose()) self->m_env->ProcessDebugMessages();
+  while (self->m_mailbox->WaitForMailOrClose()) {
+    // The thread that runs the scripts goes first: a profile is one of the thread that started it.
+    std::this_thread::sleep_for(kPatience);
+    if (self->m_mailbox->Wait(std::chrono::milliseconds(0))) self->m_env->ProcessDebugMessages();
+  }
   return nullptr;
 }
 

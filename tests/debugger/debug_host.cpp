@@ -95,7 +95,7 @@ void EnableDebug() {
 
 }  // namespace
 
-int main() {
+int main() try {
   EnableDebug();
   Host host;
   for (std::string text; std::getline(std::cin, text);) {
@@ -111,4 +111,6 @@ int main() {
     std::cout << answer.dump(-1, ' ', false, json::error_handler_t::replace) << std::endl;
   }
   return Automation::m_debug ? 0 : 1;
+} catch (...) {
+  return 1;
 }

@@ -103,7 +103,8 @@ async function runTests(tests) {
     } catch (error) {
       ++failures;
       console.log(`FAILED  ${name}: ${error.stack}`);
-      for (const child of running) console.log(`--- output of process ${child.pid}:\n${child.output.slice(-4000)}`);
+      for (const child of new Set([host.child, ...running]))
+        console.log(`--- output of process ${child.pid}:\n${child.output.slice(-4000)}`);
     } finally {
       for (const child of running) child.kill('SIGKILL');
       await Promise.all([...running].map((child) => child.ended));
