@@ -52,13 +52,22 @@ void EnvironmentImpl::CreateContext() {
           context->Global()
               ->DefineOwnProperty(context, NewName(m_isolate, "global"), context->Global(), v8::DontEnum)
               .FromMaybe(false);
-      if (created) m_debugTarget = NewDebugTarget(this);
+      if (created) StartDebugTarget();
     }
   }
   if (created) return;
   // The sources that ran may have started threads and made a logger.
   End();
   throw VornException("Cannot create script context");
+}
+
+void EnvironmentImpl::StartDebugTarget() {
+  try {
+    m_debugTarget = NewDebugTarget(this);
+  } catch (const VornException& e) {
+    // There is no thread left for it. The environment can do without.
+    Log(3, e.msg() + ": no debugger can attach", nullptr);
+  }
 }
 
 void EnvironmentImpl::ProvideCurrentIsolate() {
@@ -166,6 +175,11 @@ void EnvironmentImpl::ProcessDebugMessages() {
   Entry entry(this);
   DispatchDebugMessages();
   entry.Settle();
+}
+
+void EnvironmentImpl::LeaveDebugThread() {
+  Entry entry(this);
+  if (m_debugTarget != nullptr) m_debugTarget->OnThreadEnd();
 }
 
 bool EnvironmentImpl::WaitForDebugger(std::chrono::milliseconds time) {

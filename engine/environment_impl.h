@@ -71,6 +71,9 @@ class EnvironmentImpl final : public Environment {
   /// The same for this one, on a thread that has not entered the isolate.
   void ProcessDebugMessages();
 
+  /// For the debug target's own thread, at its end.
+  void LeaveDebugThread();
+
   /// See Automation.
   bool WaitForDebugger(std::chrono::milliseconds time);
 
@@ -103,6 +106,7 @@ class EnvironmentImpl final : public Environment {
 
   void CreateIsolate(bool useCurrentIsolate);
   void CreateContext();
+  void StartDebugTarget();
   void End();
   void ReleaseScriptState();
   void JoinWorker();

@@ -27,6 +27,7 @@ void EnvironmentImpl::StartThread() {
   // ended.
   const bool goOn = OnWorker();
   if (!goOn) JoinWorker();
+  if (m_debugTarget != nullptr) m_debugTarget->SetReleased(false);
   const bool wasTerminating = m_terminating;
   m_terminating = false;
   if (goOn) return;
@@ -45,6 +46,7 @@ void EnvironmentImpl::StartThread() {
 void EnvironmentImpl::StopThread() {
   if (!m_threaded.exchange(false)) return;
   m_terminating = true;
+  if (m_debugTarget != nullptr) m_debugTarget->SetReleased(true);
   JoinWorker();
 }
 
@@ -75,6 +77,7 @@ void* EnvironmentImpl::MainThreadFunc(void* env) {
       busy = false;
     }
   }
+  if (self->m_debugTarget != nullptr) self->LeaveDebugThread();
   self->m_workerId = 0;
   return nullptr;
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <utility>
 
 #include "engine/debug/debugger.h"
@@ -41,7 +42,10 @@ class Client : public DebugReceiver {
   Client(std::shared_ptr<DebugMailbox> mailbox, int id) : m_mailbox(std::move(mailbox)), m_id(id) {}
   ~Client() override { m_mailbox->Post({DebugMessage::kDisconnect, m_id, {}, nullptr}); }
   void OnMessage(std::string message) override {
-    m_mailbox->Post({DebugMessage::kText, m_id, std::move(message), nullptr});
+    // The server ends the client for it.
+    if (!m_mailbox->Post({DebugMessage::kText, m_id, std::move(message), nullptr})) {
+      throw std::length_error("too much mail");
+    }
   }
 
  private:

@@ -32,6 +32,13 @@ class DebugTarget {
   /// its first statement. False when none came.
   virtual bool WaitForClient(std::chrono::milliseconds time) = 0;
 
+  /// The calling thread leaves the isolate for good: a profile that it has started ends, because the engine would go
+  /// on signalling to it.
+  virtual void OnThreadEnd() = 0;
+
+  /// Whether scripts run on wherever clients have told them to pause. Any thread.
+  virtual void SetReleased(bool released) = 0;
+
   /// Resumes what is paused, and keeps everything from pausing again. Any thread.
   virtual void Close() = 0;
 

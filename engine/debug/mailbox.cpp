@@ -10,6 +10,9 @@ namespace {
 /// The lines of the log that a client sees which comes late.
 constexpr size_t kKeptLines = 200;
 
+/// How much may wait while nobody can read, as during a long command: twice the longest message.
+constexpr size_t kMostBytes = 32 * 1024 * 1024;
+
 }  // namespace
 
 DebugMailbox::DebugMailbox(v8::Isolate* isolate, v8::InterruptCallback interrupt)
@@ -18,6 +21,15 @@ DebugMailbox::DebugMailbox(v8::Isolate* isolate, v8::InterruptCallback interrupt
 bool DebugMailbox::Post(DebugMessage message) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   if (m_closed) return false;
+  if (message.kind == DebugMessage::kDisconnect) {
+    for (DebugMessage& waiting : m_messages) {
+      if (waiting.client != message.client) continue;
+      m_bytes -= waiting.text.size();
+      waiting.text = std::string();
+    }
+  }
+  if (message.text.size() > kMostBytes - m_bytes) return false;
+  m_bytes += message.text.size();
   m_messages.push_back(std::move(message));
   m_changed.notify_all();
   m_isolate->RequestInterrupt(m_interrupt, nullptr);
@@ -29,6 +41,7 @@ bool DebugMailbox::Take(DebugMessage* message) {
   if (m_messages.empty()) return false;
   *message = std::move(m_messages.front());
   m_messages.pop_front();
+  m_bytes -= message->text.size();
   return true;
 }
 
@@ -42,6 +55,18 @@ bool DebugMailbox::WaitForMailOrClose() {
   std::unique_lock<std::mutex> lock(m_mutex);
   m_changed.wait(lock, [this] { return m_closed || !m_messages.empty(); });
   return !m_closed;
+}
+
+bool DebugMailbox::WaitWhilePaused() {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait(lock, [this] { return m_closed || m_released || !m_messages.empty(); });
+  return !m_closed && !m_released;
+}
+
+void DebugMailbox::SetReleased(bool released) {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_released = released;
+  m_changed.notify_all();
 }
 
 void DebugMailbox::Close() {

@@ -35,13 +35,19 @@ class DebugMailbox {
   /// `interrupt` is called on the thread that runs script code when there is mail for it.
   DebugMailbox(v8::Isolate* isolate, v8::InterruptCallback interrupt);
 
-  /// False when closed.
+  /// False when closed, and for texts when too many wait. A client that leaves takes its texts with it.
   bool Post(DebugMessage message);
   bool Take(DebugMessage* message);
 
   /// Waits for mail, at most so long. False when there is none.
   bool Wait(std::chrono::milliseconds time);
   bool WaitForMailOrClose();
+
+  /// The same for a script that is paused: false also when it is not to pause any longer.
+  bool WaitWhilePaused();
+
+  /// Whether scripts are to run on, whatever clients have asked for.
+  void SetReleased(bool released);
   void Close();
   bool IsClosed();
 
@@ -58,7 +64,9 @@ class DebugMailbox {
   v8::Isolate* const m_isolate;
   const v8::InterruptCallback m_interrupt;
   bool m_closed = false;
+  bool m_released = false;
   std::deque<DebugMessage> m_messages;
+  size_t m_bytes = 0;
   std::deque<std::string> m_lines;
   std::vector<std::shared_ptr<DebugConnection>> m_listeners;
 };

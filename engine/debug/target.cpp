@@ -5,6 +5,7 @@
 #include <boost/locale/encoding_utf.hpp>
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -18,6 +19,12 @@ namespace {
 
 using v8_inspector::StringBuffer;
 using v8_inspector::StringView;
+
+/// A longer line of the log is cut: the last ones are kept for clients that come later.
+constexpr size_t kLongestLine = 4096;
+
+/// The longest answer that is worth making, in characters. The server would not take it.
+constexpr size_t kLongestAnswer = 64 * 1024 * 1024;
 
 /// Contexts of a group are debugged together; an environment has one context.
 constexpr int kGroup = 1;
@@ -81,15 +88,23 @@ class InspectedTarget::Session : public v8_inspector::V8Inspector::Channel {
 
   /// Handling a message may take as long as a pause. Until it has ended, the session must stay.
   void Dispatch(const std::string& message) {
+    const std::u16string text = ToUtf16(message);
     ++m_dispatching;
-    m_session->dispatchProtocolMessage(ToView(ToUtf16(message)));
+    m_session->dispatchProtocolMessage(ToView(text));
     --m_dispatching;
   }
 
-  /// The client has gone: nothing pauses for it any more.
+  /// Asks something that the client has not asked, and does not get the answer to.
+  void Command(const char* message) {
+    m_ownCommand = true;
+    Dispatch(message);
+    m_ownCommand = false;
+  }
+
+  /// The client has gone: nothing pauses for it any more, and what it has paused goes on.
   void Leave() {
     m_gone = true;
-    m_session->setSkipAllPauses(true);
+    Command(R"({"id":0,"method":"Debugger.disable"})");
   }
 
   bool IsGone() const { return m_gone; }
@@ -106,18 +121,27 @@ class InspectedTarget::Session : public v8_inspector::V8Inspector::Channel {
   }
 
   void sendResponse(int, std::unique_ptr<StringBuffer> message) override {
-    m_connection->Send(ToUtf8(message->string()));
+    if (!m_ownCommand) Send(message->string());
   }
-  void sendNotification(std::unique_ptr<StringBuffer> message) override {
-    m_connection->Send(ToUtf8(message->string()));
-  }
+  void sendNotification(std::unique_ptr<StringBuffer> message) override { Send(message->string()); }
   void flushProtocolNotifications() override {}
 
  private:
+  /// The engine's frames, which nothing may be thrown through, are around it.
+  void Send(const StringView& message) {
+    try {
+      if (message.length() > kLongestAnswer) throw std::length_error("answer");
+      m_connection->Send(ToUtf8(message));
+    } catch (const std::exception&) {
+      m_connection->Close();
+    }
+  }
+
   const std::shared_ptr<DebugConnection> m_connection;
   const std::unique_ptr<v8_inspector::V8InspectorSession> m_session;
   int m_dispatching = 0;
   bool m_gone = false;
+  bool m_ownCommand = false;
   bool m_pausesAtStart = false;
 };
 
@@ -129,20 +153,26 @@ InspectedTarget::InspectedTarget(EnvironmentImpl* env)
   const v8::Local<v8::Context> context = env->GetContext();
   const std::u16string name = ToUtf16(env->StorageDir());
   const std::string auxiliary = R"({"isDefault":true})";
+  VCreateThread(ThreadFunc, this, &m_thread);
   v8_inspector::V8ContextInfo info(context, kGroup, ToView(name));
   info.auxData = ToView(auxiliary);
   m_inspector->contextCreated(info);
   m_contextId = v8_inspector::V8ContextInfo::executionContextId(context);
   m_isolate->AddMessageListener(IgnoreReport);
-  VCreateThread(ThreadFunc, this, &m_thread);
-  // Last: from here on clients come.
+  // From here on clients come; they wait for the isolate.
   m_id = DebugAgent::Get()->Add(env->StorageDir(), m_mailbox);
 }
 
 InspectedTarget::~InspectedTarget() {
-  for (const auto& [client, session] : m_sessions) {
-    session->connection()->Send(R"({"method":"Inspector.detached","params":{"reason":"target_closed"}})");
-    session->connection()->Close();
+  const auto dismiss = [](DebugConnection& connection) {
+    connection.Send(R"({"method":"Inspector.detached","params":{"reason":"target_closed"}})");
+    connection.Close();
+  };
+  for (const auto& [client, session] : m_sessions) dismiss(*session->connection());
+  // Those that came at the last moment.
+  DebugMessage message;
+  while (m_mailbox->Take(&message)) {
+    if (message.connection != nullptr) dismiss(*message.connection);
   }
   m_sessions.clear();
   m_inspector->contextDestroyed(m_env->GetContext());
@@ -152,6 +182,15 @@ InspectedTarget::~InspectedTarget() {
 void InspectedTarget::Close() {
   DebugAgent::Get()->Remove(m_id);
   m_mailbox->Close();
+  // What a client has set going need not end by itself.
+  if (m_runsClientCode) m_isolate->TerminateExecution();
+}
+
+void InspectedTarget::SetReleased(bool released) { m_mailbox->SetReleased(released); }
+
+void InspectedTarget::OnThreadEnd() {
+  for (const auto& [client, session] : m_sessions)
+    session->Command(R"({"id":0,"method":"Profiler.disable"})");
 }
 
 void InspectedTarget::Join() { VJoinThread(&m_thread); }
@@ -164,6 +203,7 @@ void* InspectedTarget::ThreadFunc(void* target) {
     std::this_thread::sleep_for(kPatience);
     if (self->m_mailbox->Wait(std::chrono::milliseconds(0))) self->m_env->ProcessDebugMessages();
   }
+  self->m_env->LeaveDebugThread();
   return nullptr;
 }
 
@@ -185,17 +225,28 @@ void InspectedTarget::Handle(DebugMessage message) {
   const auto found = m_sessions.find(message.client);
   if (found == m_sessions.end()) return;
   Session& session = *found->second;
-  if (message.kind == DebugMessage::kDisconnect) {
+  if (message.kind == DebugMessage::kText) {
+    try {
+      HandleText(session, message.text);
+    } catch (const std::exception&) {
+      // No memory for what the client wants. What it leaves behind is seen to when it has gone.
+      session.connection()->Close();
+    }
+  } else {
     m_mailbox->Forget(session.connection());
     session.Leave();
-  } else {
-    session.Dispatch(message.text);
-    const std::string method = MethodOf(message.text);
-    const bool isRunning = v8::StackTrace::CurrentStackTrace(m_isolate, 1)->GetFrameCount() > 0;
-    if (method == "Debugger.pause" && !isRunning) session.PauseAtStart();
-    if (method == "Runtime.enable" && !session.IsGone()) m_mailbox->Listen(session.connection());
   }
   DropGoneSessions();
+}
+
+void InspectedTarget::HandleText(Session& session, const std::string& text) {
+  const std::string method = MethodOf(text);
+  const bool isIdle = v8::StackTrace::CurrentStackTrace(m_isolate, 1)->GetFrameCount() == 0;
+  if (isIdle) m_runsClientCode = true;
+  session.Dispatch(text);
+  if (isIdle) m_runsClientCode = false;
+  if (method == "Debugger.pause" && isIdle) session.PauseAtStart();
+  if (method == "Runtime.enable" && !session.IsGone()) m_mailbox->Listen(session.connection());
 }
 
 void InspectedTarget::DropGoneSessions() {
@@ -206,14 +257,14 @@ void InspectedTarget::DropGoneSessions() {
     entry = entry->second->CanBeDropped() ? m_sessions.erase(entry) : std::next(entry);
   }
   // What a client has run itself may have paused, and the client gone.
-  if (!isWatched) m_paused = false;
+  if (!isWatched) m_paused = m_clientReady = false;
 }
 
 void InspectedTarget::Log(int level, const std::string& text) {
   const nlohmann::json line = {{"method", "Runtime.consoleAPICalled"},
                                {"params",
                                 {{"type", ConsoleType(level)},
-                                 {"args", {{{"type", "string"}, {"value", text}}}},
+                                 {"args", {{{"type", "string"}, {"value", text.substr(0, kLongestLine)}}}},
                                  {"executionContextId", m_contextId},
                                  {"timestamp", NowMs()}}}};
   m_mailbox->Log(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
@@ -233,7 +284,7 @@ bool InspectedTarget::WaitForClient(std::chrono::milliseconds time) {
 
 void InspectedTarget::runMessageLoopOnPause(int) {
   m_paused = true;
-  while (m_paused && m_mailbox->WaitForMailOrClose()) {
+  while (m_paused && m_mailbox->WaitWhilePaused()) {
     DebugMessage message;
     while (m_paused && m_mailbox->Take(&message)) Handle(std::move(message));
   }

@@ -3,6 +3,7 @@
 #include <v8-inspector.h>
 #include <v8.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -26,6 +27,8 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   void OnScriptStart() override;
   void Log(int level, const std::string& text) override;
   bool WaitForClient(std::chrono::milliseconds time) override;
+  void OnThreadEnd() override;
+  void SetReleased(bool released) override;
   void Close() override;
   void Join() override;
 
@@ -33,6 +36,7 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   class Session;
 
   void Handle(DebugMessage message);
+  void HandleText(Session& session, const std::string& text);
   void DropGoneSessions();
   static void* ThreadFunc(void* target);
 
@@ -50,6 +54,9 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   /// Of the context, for the inspector and for lines of the log.
   int m_contextId = 0;
   std::string m_id;
+
+  /// Code runs that a client has sent, and no script is below it.
+  std::atomic<bool> m_runsClientCode{false};
 
   // Guarded by the isolate's Locker.
   std::unique_ptr<v8_inspector::V8Inspector> m_inspector;
