@@ -17,6 +17,11 @@ inline Environment* GetEnvironment(v8::Isolate* isolate) {
   return static_cast<Environment*>(isolate->GetData(0));
 }
 
+/// For natives that take long: whether the script that has called is to end, and how to end it when the native
+/// returns.
+bool IsInterrupted(Environment* environment);
+void EndScript(Environment* environment);
+
 using NativeCallback = void (*)(const v8::FunctionCallbackInfo<v8::Value>&);
 
 template <typename Signature>

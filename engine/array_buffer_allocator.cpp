@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace vnjs {
 
@@ -23,6 +24,30 @@ std::shared_ptr<v8::ArrayBuffer::Allocator> ABMallocAllocator::Shared() {
   static auto* const allocator =
       new std::shared_ptr<v8::ArrayBuffer::Allocator>(std::make_shared<ABMallocAllocator>());
   return *allocator;
+}
+
+LimitedAllocator::LimitedAllocator(std::shared_ptr<MemoryBudget> budget) : m_budget(std::move(budget)) {}
+LimitedAllocator::~LimitedAllocator() = default;
+
+template <typename Allocation>
+void* LimitedAllocator::Limited(size_t length, const Allocation& allocate) {
+  if (!m_budget->Take(length)) return nullptr;
+  void* const data = allocate();
+  if (data == nullptr) m_budget->Give(length);
+  return data;
+}
+
+void* LimitedAllocator::Allocate(size_t length) {
+  return Limited(length, [&] { return m_memory->Allocate(length); });
+}
+
+void* LimitedAllocator::AllocateUninitialized(size_t length) {
+  return Limited(length, [&] { return m_memory->AllocateUninitialized(length); });
+}
+
+void LimitedAllocator::Free(void* data, size_t length) {
+  m_memory->Free(data, length);
+  m_budget->Give(length);
 }
 
 }  // namespace vnjs

@@ -29,6 +29,12 @@ bool Automation::HasPendingWork() const {
   return static_cast<EnvironmentImpl*>(m_environment)->HasPendingWork();
 }
 
+void Automation::Interrupt() { static_cast<EnvironmentImpl*>(m_environment)->Interrupt(); }
+
+void Automation::SetLimits(size_t heapBytes, size_t bufferBytes) {
+  EnvironmentImpl::SetLimits(heapBytes, bufferBytes);
+}
+
 void Automation::EnableDebug(unsigned short port) {
   if (m_debug) return;
   m_debug = StartDebugAgent(port);

@@ -13,6 +13,32 @@
 
 namespace vnjs {
 
+namespace {
+
+/// For a controller with 512 MB of memory: two environments may be full at a time, and half of it is left to the
+/// host and the system.
+std::atomic<size_t> heapLimit{size_t{64} * 1024 * 1024};
+std::atomic<size_t> bufferLimit{size_t{64} * 1024 * 1024};
+
+/// Below, the engine cannot make a context and run it.
+constexpr size_t kSmallestHeap = size_t{8} * 1024 * 1024;
+
+/// The isolate that the process was given for debugging, and the budget that its buffers count against.
+v8::Isolate* providedIsolate = nullptr;
+std::shared_ptr<MemoryBudget>& ProvidedBudget() {
+  static auto* const budget = new std::shared_ptr<MemoryBudget>;
+  return *budget;
+}
+
+v8::Isolate* NewIsolate(const std::shared_ptr<MemoryBudget>& budget) {
+  v8::Isolate::CreateParams params;
+  params.array_buffer_allocator_shared = std::make_shared<LimitedAllocator>(budget);
+  params.constraints.ConfigureDefaultsFromHeapSize(0, heapLimit);
+  return v8::Isolate::New(params);
+}
+
+}  // namespace
+
 EnvironmentImpl::EnvironmentImpl(const char* storageDir, bool useCurrentIsolate)
     : m_storageDir(storageDir == nullptr ? "" : storageDir) {
   if (m_storageDir.empty() || m_storageDir.back() != '/') m_storageDir += '/';
@@ -25,12 +51,12 @@ void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate) {
   v8::Isolate* const current = useCurrentIsolate ? v8::Isolate::TryGetCurrent() : nullptr;
   // An isolate has room for one environment.
   m_useCurrentIsolate = current != nullptr && GetEnvironment(current) == nullptr;
-  if (m_useCurrentIsolate) {
-    m_isolate = current;
+  m_memory = std::make_shared<MemoryBudget>(bufferLimit);
+  if (!m_useCurrentIsolate) {
+    m_isolate = NewIsolate(m_memory);
   } else {
-    v8::Isolate::CreateParams params;
-    params.array_buffer_allocator_shared = ABMallocAllocator::Shared();
-    m_isolate = v8::Isolate::New(params);
+    m_isolate = current;
+    if (current == providedIsolate) m_memory = ProvidedBudget();
   }
   m_droppedHandles = std::make_shared<DroppedHandles>(m_isolate);
   m_isolate->SetData(0, static_cast<Environment*>(this));
@@ -41,6 +67,7 @@ void EnvironmentImpl::CreateContext() {
   {
     const ScriptScope scope(m_isolate, m_context);
     m_isolate->SetPromiseRejectCallback(Rejections::OnReject);
+    m_guard = std::make_unique<RunGuard>(m_isolate);
     // The extensions' sources run here, and their natives with them: until it returns there is no m_context.
     const v8::Local<v8::Context> context = v8::Context::New(m_isolate);
     if (!context.IsEmpty()) {
@@ -73,9 +100,21 @@ void EnvironmentImpl::StartDebugTarget() {
 void EnvironmentImpl::ProvideCurrentIsolate() {
   StartEngine();
   if (v8::Isolate::TryGetCurrent() != nullptr) return;
-  v8::Isolate::CreateParams params;
-  params.array_buffer_allocator_shared = ABMallocAllocator::Shared();
-  v8::Isolate::New(params)->Enter();
+  ProvidedBudget() = std::make_shared<MemoryBudget>(bufferLimit);
+  providedIsolate = NewIsolate(ProvidedBudget());
+  providedIsolate->Enter();
+}
+
+void EnvironmentImpl::SetLimits(size_t heapBytes, size_t bufferBytes) {
+  if (heapBytes < kSmallestHeap) throw VornException(GetVornError(-1));
+  heapLimit = heapBytes;
+  bufferLimit = bufferBytes;
+}
+
+void EnvironmentImpl::Interrupt() {
+  const Caller caller(this);
+  m_guard->Interrupt();
+  if (m_debugTarget != nullptr) m_debugTarget->Wake();
 }
 
 EnvironmentImpl::~EnvironmentImpl() { End(); }
@@ -85,6 +124,7 @@ void EnvironmentImpl::End() {
   m_terminating = true;
   m_ending = true;
   if (m_debugTarget != nullptr) m_debugTarget->Close();
+  m_guard->Close();
 
   // 2. The worker ends at its next test. Afterwards only callers inside Run or ProcessPendingCallbacks and the
   //    named threads can still touch this object.
@@ -149,6 +189,7 @@ void EnvironmentImpl::ReleaseScriptState() {
     // Finalizers of what the script has dropped still find the environment in its slot.
     m_isolate->LowMemoryNotification();
     m_context.Reset();
+    m_guard->Detach();
     m_isolate->SetData(0, nullptr);
 
     // SafeValues that somebody still holds do nothing from now on.
@@ -173,6 +214,7 @@ void EnvironmentImpl::DispatchDebugMessages() {
 void EnvironmentImpl::ProcessDebugMessages() {
   const Caller caller(this);
   Entry entry(this);
+  entry.Begin();
   DispatchDebugMessages();
   entry.Settle();
 }
@@ -263,6 +305,30 @@ VRefCountedPointer<Thread> EnvironmentImpl::GetThread(std::string name) {
   if (m_terminating) return {};
   const auto found = m_threads.find(name);
   return found == m_threads.end() ? nullptr : found->second;
+}
+
+// Other implementations of Environment have no limits of ours.
+
+std::shared_ptr<MemoryBudget> GetMemoryBudget(Environment* environment) {
+  if (auto* const ours = dynamic_cast<EnvironmentImpl*>(environment)) return ours->GetMemoryBudget();
+  return std::make_shared<MemoryBudget>(SIZE_MAX);
+}
+
+void RequireMemory(Environment* environment, size_t bytes) {
+  const std::shared_ptr<MemoryBudget> memory = GetMemoryBudget(environment);
+  if (memory->Fits(bytes)) return;
+  if (bytes <= memory->limit()) environment->GetIsolate()->LowMemoryNotification();
+  if (!memory->Fits(bytes)) throw VornException(GetVornError(-2));
+}
+
+bool IsInterrupted(Environment* environment) {
+  auto* const ours = dynamic_cast<EnvironmentImpl*>(environment);
+  return ours != nullptr && ours->GetRunGuard().IsStopping();
+}
+
+void EndScript(Environment* environment) {
+  if (auto* const ours = dynamic_cast<EnvironmentImpl*>(environment))
+    ours->GetRunGuard().EndNow(ours->GetContext());
 }
 
 void EnvironmentImpl::DeleteThreadRef(const std::string& name) {

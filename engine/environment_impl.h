@@ -13,10 +13,12 @@
 #include <vector>
 
 #include "bridge/json.h"
+#include "bridge/memory_budget.h"
 #include "bridge/script_scope.h"
 #include "engine/debug/debugger.h"
 #include "engine/dropped_handles.h"
 #include "engine/rejections.h"
+#include "engine/run_guard.h"
 #include "engine/script_store.h"
 
 namespace vnjs {
@@ -25,7 +27,7 @@ namespace vnjs {
 ///
 /// Locks:    four, each taken through the scoped class named after what it guards, none inside another, none held
 ///           while script code, a host function or somebody else's destructor runs. (Making a named thread is the
-///           exception: it waits under ThreadLock until the thread has its name.)
+///           exception: it waits under ThreadLock until the thread has its name.) RunGuard has one of its own.
 /// Ending:   End is the numbered sequence that says what each step relies on.
 class EnvironmentImpl final : public Environment {
  public:
@@ -77,12 +79,18 @@ class EnvironmentImpl final : public Environment {
   /// See Automation.
   bool WaitForDebugger(std::chrono::milliseconds time);
 
+  /// See Automation.
+  void Interrupt();
+  static void SetLimits(size_t heapBytes, size_t bufferBytes);
+
   /// A named thread was joined or detached.
   void DeleteThreadRef(const std::string& name);
   bool HasPendingWork();
 
   const std::shared_ptr<DroppedHandles>& GetDroppedHandles() const { return m_droppedHandles; }
   Rejections& GetRejections() { return m_rejections; }
+  RunGuard& GetRunGuard() { return *m_guard; }
+  const std::shared_ptr<MemoryBudget>& GetMemoryBudget() const { return m_memory; }
 
  private:
   struct ThreadLock : MutexScope {
@@ -114,6 +122,20 @@ class EnvironmentImpl final : public Environment {
 
   RunResult RunOnWorker(const char* code, const char* source);
   RunResult ExecuteEntered(v8::Local<v8::Context> context, const PendingCode& code);
+  RunResult ExecuteStopped();
+
+  /// Runs script code, and then its microtasks. The engine would run those of a script that was ended as well, when
+  /// nobody has a hold on it.
+  template <typename Code>
+  bool RunWithMicrotasks(const Code& code) {
+    bool result = false;
+    {
+      const v8::Isolate::SuppressMicrotaskExecutionScope later(m_isolate);
+      result = code();
+    }
+    if (m_entries == 1 && !m_guard->IsStopping()) m_isolate->PerformMicrotaskCheckpoint();
+    return result;
+  }
   void LogExecuting(const std::string& code);
 
   static void* MainThreadFunc(void* env);
@@ -121,13 +143,14 @@ class EnvironmentImpl final : public Environment {
   void NotifyIdle();
   bool CallPending(CallbackBase* callback);
   void RunEngineTasks();
-  void DeliverTermination();
   void YieldIsolate();
 
   std::string m_storageDir;
   bool m_useCurrentIsolate = false;
   v8::Isolate* m_isolate = nullptr;
   std::shared_ptr<DroppedHandles> m_droppedHandles;
+  std::shared_ptr<MemoryBudget> m_memory;
+  std::unique_ptr<RunGuard> m_guard;
 
   std::atomic<bool> m_threaded{false};
   std::atomic<bool> m_terminating{false};
@@ -181,8 +204,6 @@ class EnvironmentImpl::Entry {
  public:
   explicit Entry(EnvironmentImpl* env) : m_scope(env->m_isolate, env->m_context), m_env(env) {
     ++m_env->m_entries;
-    // A termination that was asked for while nothing ran is not for the script that comes now.
-    if (IsOnly()) m_env->m_isolate->CancelTerminateExecution();
   }
   ~Entry() { --m_env->m_entries; }
   Entry(const Entry&) = delete;
@@ -194,14 +215,16 @@ class EnvironmentImpl::Entry {
   /// No script is running below this entry.
   bool IsOutermost() const { return m_env->m_entries == 1; }
 
-  /// At the end of the outermost run or callback: what the script has left behind is reported and let go.
+  /// Around each outermost run and callback. At its end, what the script has left behind is reported and let go.
+  void Begin() {
+    if (IsOnly()) m_env->m_guard->Begin();
+  }
   void Settle() {
     if (!IsOnly()) return;
-    if (m_env->m_isolate->IsExecutionTerminating()) m_env->m_isolate->CancelTerminateExecution();
-    // Making the text of a result can have started some.
-    m_env->m_isolate->PerformMicrotaskCheckpoint();
+    m_env->m_guard->Settle();
     m_env->m_rejections.Report(m_env);
     m_env->m_droppedHandles->Reset();
+    m_env->m_guard->End();
   }
 
  private:

@@ -37,6 +37,7 @@ RunResult EnvironmentImpl::Run(const char* code, const char* source) {
   if (code == nullptr) return {};
   if (source == nullptr) source = "";
   const Caller caller(this);
+  if (!OnWorker()) m_guard->Resume();
   if (m_threaded && !OnWorker()) return RunOnWorker(code, source);
   return Execute(PendingCode(code, source));
 }
@@ -78,6 +79,7 @@ RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
 
 RunResult EnvironmentImpl::Execute(const PendingCode& code) {
   Entry entry(this);
+  entry.Begin();
   RunResult result;
   try {
     result = ExecuteEntered(entry.context(), code);
@@ -98,7 +100,7 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
   const bool compiled = m_scripts.Compile(context, code.m_code, code.m_source).ToLocal(&script);
   LogExecuting(code.m_code);
   if (!compiled) {
-    if (caught.HasTerminated()) return {kInterrupted, true};
+    if (caught.HasTerminated()) return ExecuteStopped();
     const v8::Local<v8::Message> message = caught.Message();
     const std::string text = message.IsEmpty() ? "the text is too long" : MessageText(caught);
     const ScriptPosition position = Position(context, message);
@@ -111,9 +113,9 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
 
   if (m_debugTarget != nullptr) m_debugTarget->OnScriptStart();
   v8::Local<v8::Value> value;
-  const bool ended = script->Run(context).ToLocal(&value);
+  const bool ended = RunWithMicrotasks([&] { return script->Run(context).ToLocal(&value); });
   // A termination can also have ended the microtasks alone, after the script itself returned.
-  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) return {kInterrupted, true};
+  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) return ExecuteStopped();
   if (!ended) {
     const std::string text = MessageText(caught);
     const ScriptPosition position = Position(context, caught.Message());
@@ -122,9 +124,15 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
   }
   bool terminated = false;
   const std::string text = ResultText(context, m_json, value, &terminated);
-  if (terminated || caught.HasTerminated() || m_isolate->IsExecutionTerminating())
-    return {kInterrupted, true};
+  if (terminated || caught.HasTerminated() || m_isolate->IsExecutionTerminating()) return ExecuteStopped();
   return {text, false};
+}
+
+RunResult EnvironmentImpl::ExecuteStopped() {
+  RunResult result = m_guard->Stopped();
+  // Code that is nested ends the code around it as well.
+  if (m_entries == 1) Log(3, "result: Error: " + StoppedText(result), nullptr);
+  return result;
 }
 
 void EnvironmentImpl::LogExecuting(const std::string& code) {

@@ -4,6 +4,13 @@
 
 namespace vnjs {
 
+std::string StoppedText(const RunResult& stopped) {
+  const ScriptPosition place = stopped.position();
+  if (place.line == 0) return stopped.result();
+  return stopped.result() + " at " + place.source + ':' + std::to_string(place.line) + ':' +
+         std::to_string(place.column);
+}
+
 std::string MessageText(const v8::TryCatch& caught) {
   return caught.Message().IsEmpty() ? GetString(caught.Exception()) : GetString(caught.Message()->Get());
 }

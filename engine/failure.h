@@ -1,13 +1,18 @@
 #pragma once
 
 #include <v8.h>
+#include <vnjs/result.h>
 
 #include <string>
 
 namespace vnjs {
 
-/// The text that stands for an exception when the engine was told to terminate a script.
-constexpr char kInterrupted[] = "Script execution was interrupted";
+/// What stands for an exception when a script was ended.
+constexpr char kInterruptedText[] = "Script execution was interrupted";
+constexpr char kOutOfMemoryText[] = "Script ran out of memory";
+
+/// The same with its place, where one is known.
+std::string StoppedText(const RunResult& stopped);
 
 /// The engine's text for what was thrown, such as "Uncaught Error: x".
 std::string MessageText(const v8::TryCatch& caught);

@@ -28,6 +28,8 @@ Engine Start() {
     // One thread besides the callers' collects garbage and compiles; environments are small and CPUs few.
     engine.platform = v8::platform::NewDefaultPlatform(1).release();
     engine.owned = true;
+    // Its memories count against no limit.
+    v8::V8::SetFlagsFromString("--no-expose-wasm");
     v8::V8::InitializePlatform(engine.platform);
     v8::V8::Initialize();
   }

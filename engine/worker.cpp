@@ -119,8 +119,10 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   Entry entry(this);
   if (entry.context().IsEmpty()) return false;
   if (entry.IsOutermost()) {
+    entry.Begin();
     RunEngineTasks();
     if (m_debugTarget != nullptr) m_debugTarget->Dispatch();
+    entry.Settle();
   }
 
   std::vector<VRefCountedPointer<CallbackBase>> batch;
@@ -129,13 +131,11 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
     batch.swap(m_callbacks);
     if (!batch.empty()) ++m_runningBatches;
   }
-  if (batch.empty()) {
-    entry.Settle();
-    return false;
-  }
+  if (batch.empty()) return false;
 
   bool terminated = false;
   for (auto& callback : batch) {
+    entry.Begin();
     terminated |= CallPending(callback.get_ptr());
     entry.Settle();
   }
@@ -148,7 +148,7 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   }
   YieldIsolate();
   // A termination ended one callback; the script that had called for the batch ends as well.
-  if (terminated && !entry.IsOutermost()) DeliverTermination();
+  if ((terminated || m_guard->IsStopping()) && !entry.IsOutermost()) m_guard->EndNow(GetContext());
   return true;
 }
 
@@ -160,7 +160,7 @@ bool EnvironmentImpl::CallPending(CallbackBase* callback) {
   if (m_debugTarget != nullptr) m_debugTarget->OnScriptStart();
   std::string failure;
   try {
-    callback->Call();
+    RunWithMicrotasks([&] { return callback->Call(), true; });
   } catch (const VornException& e) {
     failure = e.msg();
   } catch (const std::exception& e) {
@@ -168,7 +168,7 @@ bool EnvironmentImpl::CallPending(CallbackBase* callback) {
   }
   if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) {
     m_isolate->CancelTerminateExecution();
-    Log(3, "Callback execution error: " + std::string(kInterrupted), nullptr);
+    Log(3, "Callback execution error: " + StoppedText(m_guard->Stopped()), nullptr);
     return true;
   }
   if (caught.HasCaught()) failure = StackText(GetContext(), caught, MessageText(caught));
@@ -183,18 +183,7 @@ void EnvironmentImpl::RunEngineTasks() {
   const v8::TryCatch caught(m_isolate);
   while (!m_terminating && v8::platform::PumpMessageLoop(EnginePlatform(), m_isolate)) {
   }
-  if (caught.HasTerminated()) Log(3, "Callback execution error: " + std::string(kInterrupted), nullptr);
-}
-
-/// Terminates the script below. The engine notices a request only where code is entered or loops, so some code is
-/// entered.
-void EnvironmentImpl::DeliverTermination() {
-  m_isolate->TerminateExecution();
-  const v8::Local<v8::Context> context = GetContext();
-  v8::Local<v8::Script> nothing;
-  v8::Local<v8::Value> ignored;
-  if (!v8::Script::Compile(context, v8::String::Empty(m_isolate)).ToLocal(&nothing)) return;
-  if (!nothing->Run(context).ToLocal(&ignored)) return;
+  if (caught.HasTerminated()) Log(3, "Callback execution error: " + StoppedText(m_guard->Stopped()), nullptr);
 }
 
 /// Lets threads that wait for the isolate have it for a moment. The isolate may be entered several times

@@ -35,6 +35,7 @@ struct Options {
   std::string storageDir;
   std::string logLevel = "info";
   double seconds = std::numeric_limits<double>::infinity();
+  double timeout = std::numeric_limits<double>::infinity();
   bool threaded = false;
   bool quiet = false;
 
@@ -81,6 +82,9 @@ void AddCommonOptions(CLI::App* command, Options& options) {
       ->type_name("DIR")
       ->check(kIsNotEmpty);
   command->add_flag("--threaded", options.threaded, "Run scripts on a worker thread");
+  command->add_option("--timeout", options.timeout, "Interrupt what is not done after this time")
+      ->type_name("SECONDS")
+      ->check(kIsSeconds);
   command->add_option("--log", options.logLevel, "trace, info (the default), warning, error or none")
       ->type_name("LEVEL")
       ->check(kIsLogLevel);
@@ -105,8 +109,8 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
   AddCommonOptions(run, options);
   run->footer(
       "DIR is the first file's folder when not given; DIR/storage is made.\n"
-      "Ends when no timer is left, on exit() and on Ctrl-C, which interrupts a\n"
-      "script that is busy after a second; a second Ctrl-C ends at once.");
+      "Ends when no timer is left, on exit() and on Ctrl-C, which gives a script\n"
+      "that is busy a second; a second Ctrl-C interrupts it at once.");
 
   CLI::App* const eval = app.add_subcommand("eval", "Run code, print its result and end");
   eval->add_option("CODE", options.code, "The code, put after -- when it begins with a dash")
@@ -163,13 +167,19 @@ ExitStatus Execute(const CLI::App& app, const Options& options) {
   const std::string storageDir = PrepareStorage(options);
   const int debugPort = options.debugBreakPort != 0 ? options.debugBreakPort : options.debugPort;
   if (debugPort != 0) ListenForDebuggers(debugPort);
-  Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded);
+  Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded,
+                options.timeout);
+  ExitStatus status = kFine;
   if (run) {
     runner.StopOnSignals();
     if (options.debugBreakPort != 0) runner.WaitForDebugger();
-    return RunFiles(runner, options);
+    status = RunFiles(runner, options);
+  } else {
+    status = runner.Evaluate(options.code) ? kFine : kFailed;
   }
-  return runner.Evaluate(options.code) ? kFine : kFailed;
+  if (!runner.IsTimedOut()) return status;
+  fprintf(stderr, "vnjs: not done after %g s\n", options.timeout);
+  return kFailed;
 }
 
 ExitStatus Main(int argc, char** argv) {

@@ -1,7 +1,5 @@
 #include "host/runner.h"
 
-#include <semaphore.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -12,24 +10,22 @@
 namespace vnjs::host {
 namespace {
 
-std::atomic<bool> stopRequested{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler writes it");
-
-/// Wakes the thread that ends what is running; a signal handler cannot do that itself.
-sem_t stopSignalled;
+/// How often the user has asked for the end.
+std::atomic<int> stopSignals{0};
+static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it");
 
 constexpr std::chrono::milliseconds kGrace(1000);
 constexpr std::chrono::milliseconds kStep(20);
 
-extern "C" void RequestStop(int signal) {
-  stopRequested = true;
-  sem_post(&stopSignalled);
+extern "C" void RequestStop(int number) {
+  // What cannot be interrupted still ends when the signal comes once more.
+  if (++stopSignals > 1) signal(number, SIG_DFL);
 }
 
 /// False for a failed script, whose text goes to standard error, after its place as far as that is known.
 bool Report(const RunResult& result, const std::string& source) {
   if (!result.isException()) return true;
-  if (stopRequested && result.result() == "Script execution was interrupted") return true;
+  if (stopSignals > 0 && result.result() == "Script execution was interrupted") return true;
   const ScriptPosition position = result.position();
   std::string text = source;
   if (!position.source.empty()) {
@@ -44,41 +40,36 @@ bool Report(const RunResult& result, const std::string& source) {
 
 }  // namespace
 
-Runner::Runner(const std::string& storageDir, LogLevel level, bool threaded)
+Runner::Runner(const std::string& storageDir, LogLevel level, bool threaded, double timeout)
     : m_automation(storageDir.c_str()) {
   m_automation.SetLogger(vlog_create(stderr, level));
   if (threaded) m_automation.StartThread();
+  m_watcher = std::thread(&Runner::Watch, this, timeout);
 }
 
 Runner::~Runner() {
-  if (!m_watcher.joinable()) return;
   // While somebody still interrupts what the worker runs.
   m_automation.StopThread();
   m_done = true;
-  sem_post(&stopSignalled);
   m_watcher.join();
 }
 
 void Runner::StopOnSignals() {
-  sem_init(&stopSignalled, 0, 0);
-  m_watcher = std::thread(&Runner::InterruptWhenSignalled, this);
   struct sigaction action {};
   action.sa_handler = RequestStop;
-  // Reset: what cannot be interrupted, as a shell command cannot, still ends when the signal is sent again.
-  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+  action.sa_flags = SA_RESTART;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }
 
-void Runner::InterruptWhenSignalled() {
-  while (sem_wait(&stopSignalled) != 0) {
-  }
-  const auto begin = std::chrono::steady_clock::now();
+void Runner::Watch(double timeout) {
+  auto lastWithoutSignal = std::chrono::steady_clock::now();
   for (; !m_done; std::this_thread::sleep_for(kStep)) {
+    const auto now = std::chrono::steady_clock::now();
+    if (stopSignals == 0) lastWithoutSignal = now;
+    if (Elapsed() >= timeout) m_timedOut = true;
     // More than once: when one script has ended, a callback may be the next that does not.
-    if (std::chrono::steady_clock::now() - begin > kGrace) {
-      m_automation.GetEnvironment()->GetIsolate()->TerminateExecution();
-    }
+    if (m_timedOut || stopSignals > 1 || now - lastWithoutSignal > kGrace) m_automation.Interrupt();
   }
 }
 
@@ -96,16 +87,17 @@ bool Runner::Evaluate(const std::string& code) {
 }
 
 void Runner::Pump(double seconds) {
-  const auto elapsed = [this] {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
-  };
-  while (m_automation.HasPendingWork() && !IsStopped() && elapsed() < seconds) {
+  while (m_automation.HasPendingWork() && !IsStopped() && Elapsed() < seconds) {
     const bool processed = !m_automation.IsThreaded() && m_automation.ProcessPendingCallbacks();
     if (!processed) std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 }
 
-bool Runner::IsStopped() const { return stopRequested || m_automation.IsTerminating(); }
+bool Runner::IsStopped() const { return stopSignals > 0 || m_timedOut || m_automation.IsTerminating(); }
+
+double Runner::Elapsed() const {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
+}
 
 bool PrintText(const std::string& text) {
   const bool written = fwrite(text.data(), 1, text.size(), stdout) == text.size();

@@ -17,12 +17,13 @@ namespace vnjs::host {
 /// Threads:  the main thread's only. With `threaded`, scripts run on the environment's worker.
 /// Failures: a script that fails is reported on standard error, like a compiler does it; see each operation.
 /// Ending:   SIGINT and SIGTERM ask it to stop: no further script or callback begins, and what is running is
-///           interrupted when it has not ended within a second. A second signal of the same kind ends the
+///           interrupted when it has not ended within a second, or at the second signal. A third one ends the
 ///           process as if nobody had cared for it.
 class Runner {
  public:
-  /// Throws VornException when there can be no context or no worker.
-  Runner(const std::string& storageDir, LogLevel level, bool threaded);
+  /// What is running after `timeout` seconds is interrupted, and nothing begins any more. Throws VornException when
+  /// there can be no context or no worker.
+  Runner(const std::string& storageDir, LogLevel level, bool threaded, double timeout);
 
   ~Runner();
   Runner(const Runner&) = delete;
@@ -45,13 +46,16 @@ class Runner {
   /// was asked to stop.
   void Pump(double seconds);
 
-  /// Whether a signal or the script's own `exit()` asked for the end.
+  /// Whether a signal, the timeout or the script's own `exit()` asked for the end.
   bool IsStopped() const;
+  bool IsTimedOut() const { return m_timedOut; }
 
  private:
-  const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-  void InterruptWhenSignalled();
+  double Elapsed() const;
+  void Watch(double timeout);
 
+  const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
+  std::atomic<bool> m_timedOut{false};
   Automation m_automation;
   std::atomic<bool> m_done{false};
   std::thread m_watcher;

@@ -39,6 +39,9 @@ class DebugTarget {
   /// Whether scripts run on wherever clients have told them to pause. Any thread.
   virtual void SetReleased(bool released) = 0;
 
+  /// Lets a script that is paused see that it is to end. Any thread.
+  virtual void Wake() = 0;
+
   /// Resumes what is paused, and keeps everything from pausing again. Any thread.
   virtual void Close() = 0;
 

@@ -59,8 +59,15 @@ bool DebugMailbox::WaitForMailOrClose() {
 
 bool DebugMailbox::WaitWhilePaused() {
   std::unique_lock<std::mutex> lock(m_mutex);
-  m_changed.wait(lock, [this] { return m_closed || m_released || !m_messages.empty(); });
+  m_changed.wait(lock, [this] { return m_closed || m_released || m_woken || !m_messages.empty(); });
+  m_woken = false;
   return !m_closed && !m_released;
+}
+
+void DebugMailbox::Wake() {
+  const std::lock_guard<std::mutex> lock(m_mutex);
+  m_woken = true;
+  m_changed.notify_all();
 }
 
 void DebugMailbox::SetReleased(bool released) {

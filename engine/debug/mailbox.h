@@ -43,8 +43,10 @@ class DebugMailbox {
   bool Wait(std::chrono::milliseconds time);
   bool WaitForMailOrClose();
 
-  /// The same for a script that is paused: false also when it is not to pause any longer.
+  /// The same for a script that is paused: false when it is not to pause any longer. Wake ends one such wait, or
+  /// the next.
   bool WaitWhilePaused();
+  void Wake();
 
   /// Whether scripts are to run on, whatever clients have asked for.
   void SetReleased(bool released);
@@ -65,6 +67,7 @@ class DebugMailbox {
   const v8::InterruptCallback m_interrupt;
   bool m_closed = false;
   bool m_released = false;
+  bool m_woken = false;
   std::deque<DebugMessage> m_messages;
   size_t m_bytes = 0;
   std::deque<std::string> m_lines;

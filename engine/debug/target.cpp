@@ -188,6 +188,8 @@ void InspectedTarget::Close() {
 
 void InspectedTarget::SetReleased(bool released) { m_mailbox->SetReleased(released); }
 
+void InspectedTarget::Wake() { m_mailbox->Wake(); }
+
 void InspectedTarget::OnThreadEnd() {
   for (const auto& [client, session] : m_sessions)
     session->Command(R"({"id":0,"method":"Profiler.disable"})");
@@ -284,7 +286,7 @@ bool InspectedTarget::WaitForClient(std::chrono::milliseconds time) {
 
 void InspectedTarget::runMessageLoopOnPause(int) {
   m_paused = true;
-  while (m_paused && m_mailbox->WaitWhilePaused()) {
+  while (m_paused && !m_env->GetRunGuard().IsStopping() && m_mailbox->WaitWhilePaused()) {
     DebugMessage message;
     while (m_paused && m_mailbox->Take(&message)) Handle(std::move(message));
   }

@@ -29,6 +29,7 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   bool WaitForClient(std::chrono::milliseconds time) override;
   void OnThreadEnd() override;
   void SetReleased(bool released) override;
+  void Wake() override;
   void Close() override;
   void Join() override;
 

@@ -4,6 +4,7 @@
 #include <vnjs/export.h>
 #include <vnjs/result.h>
 
+#include <cstddef>
 #include <string>
 
 namespace vnjs {
@@ -42,6 +43,20 @@ class VNJS_API Automation {
 
   /// Owned by this object.
   Environment* GetEnvironment() const { return m_environment; }
+
+  /// Ends what the environment is running now, with all that it has called and the microtasks that it has left:
+  /// "Script execution was interrupted" is its result, or in the log for a callback. Natives end first; a shell
+  /// command is killed. It never reaches code that begins later, and does nothing when nothing runs. The destructor
+  /// is the exception: when no Run came after an Interrupt, it interrupts whatever still begins. Any thread, but not
+  /// while the destructor runs.
+  void Interrupt();
+
+  /// For environments made afterwards: how much script objects (`heapBytes`, 64 MB when never called, 8 MB at
+  /// least), and buffers, trees and timers (`bufferBytes`, 64 MB) of each may take. A script that fills its heap
+  /// ends with "Script ran out of memory"; more buffers are refused. An environment that uses an isolate of the
+  /// host's has the host's limits. Throws VornException "Invalid argument". Any thread; before EnableDebug, which
+  /// makes an isolate.
+  static void SetLimits(size_t heapBytes, size_t bufferBytes);
 
   /// Turns remote debugging on for the process, before any Automation is made: debuggers find each environment on
   /// this port of 127.0.0.1. m_debug tells whether the port could be opened; port 0 is refused. The calling

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "engine/registration.h"
 
@@ -103,7 +104,10 @@ struct CloseFolder {
 /// A file's bytes, which a string of the engine uses where they are.
 class FileContent : public v8::String::ExternalOneByteStringResource {
  public:
-  FileContent(v8::Isolate* isolate, std::string bytes) : m_isolate(isolate), m_bytes(std::move(bytes)) {
+  FileContent(v8::Isolate* isolate, std::string bytes)
+      : m_isolate(isolate),
+        m_bytes(std::move(bytes)),
+        m_charge(GetMemoryBudget(GetEnvironment(isolate)), m_bytes.size()) {
     const int64_t outside =
         m_isolate->AdjustAmountOfExternalAllocatedMemory(static_cast<int64_t>(m_bytes.size()));
     // Left to itself, the engine lets half of its heap's limit pile up in strings that nobody needs any more.
@@ -118,6 +122,7 @@ class FileContent : public v8::String::ExternalOneByteStringResource {
  private:
   v8::Isolate* const m_isolate;
   const std::string m_bytes;
+  const MemoryCharge m_charge;
 };
 
 /// What the three load functions read.
@@ -130,6 +135,10 @@ LoadedFile ReadArgument(const v8::FunctionCallbackInfo<v8::Value>& info) {
   if (info.Length() != 1) throw VornException(kInvalidArguments);
   LoadedFile file;
   file.name = FileName(info.GetIsolate(), info[0], kLeading);
+  struct stat status {};
+  if (stat(file.name.c_str(), &status) == 0) {
+    RequireMemory(GetEnvironment(info.GetIsolate()), static_cast<size_t>(std::max<off_t>(0, status.st_size)));
+  }
   file.bytes = ReadFile(file.name.c_str());
   return file;
 }

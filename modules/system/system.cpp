@@ -8,6 +8,7 @@
 #include <vnjs/process.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -91,13 +92,14 @@ struct Outcome {
   /// As `waitpid` gave it; 0 when it never did.
   int status = 0;
   bool timedOut = false;
+  bool interrupted = false;
   std::string output;
 };
 
 /// Reads the output of a command until it has ended. There is no pause between two looks at it, and the limit
 /// is looked at only when output came or ended: a command that is silent runs on past it, and is late once it
 /// writes or closes its output. Both are kept for the scripts that depend on it.
-Outcome Collect(pid_t pid, int out) {
+Outcome Collect(Environment* environment, pid_t pid, int out) {
   Outcome outcome;
   const time_t start = time(nullptr);
   for (;;) {
@@ -108,6 +110,14 @@ Outcome Collect(pid_t pid, int out) {
       break;
     }
     if (waitpid(pid, &outcome.status, WNOHANG) != 0) break;
+    outcome.interrupted = IsInterrupted(environment);
+    if (outcome.interrupted) {
+      // What the shell has started goes on, with nobody to read its output.
+      kill(pid, SIGKILL);
+      while (waitpid(pid, &outcome.status, 0) < 0 && errno == EINTR) {
+      }
+      break;
+    }
     // Not a pause: where command and caller share a processor, the command comes to its turn.
     if (count <= 0) sched_yield();
   }
@@ -117,7 +127,7 @@ Outcome Collect(pid_t pid, int out) {
 }
 
 /// Throws when the command cannot be started.
-Outcome RunCommand(const std::string& command) {
+Outcome RunCommand(Environment* environment, const std::string& command) {
   int fd = -1;
   const pid_t pid = popen2(command.c_str(), nullptr, &fd);
   if (pid < 0) ThrowSystemError(errno);
@@ -129,7 +139,7 @@ Outcome RunCommand(const std::string& command) {
     pclose2(pid, 0, out.Release());
     ThrowSystemError(error);
   }
-  Outcome outcome = Collect(pid, fd);
+  Outcome outcome = Collect(environment, pid, fd);
   // The command leads no group, so this reaches it only if it made one of its own. Nobody waits for it either
   // way.
   if (outcome.timedOut) pkill2(pid);
@@ -146,15 +156,20 @@ void System::SystemCall(const Info& info) {
   v8::Isolate* const isolate = info.GetIsolate();
   std::string command = info[0]->IsString() ? GetString(info[0]) : std::string();
   if (command.empty()) throw VornException("Invalid arguments");
-  if (!IsAllowed(GetEnvironment(isolate)->StorageDir() + ".syscommands", command)) {
+  Environment* const environment = GetEnvironment(isolate);
+  if (!IsAllowed(environment->StorageDir() + ".syscommands", command)) {
     throw VornException("This command is denied by policy");
   }
   for (int i = 1; i < info.Length(); ++i) command += ' ' + Quoted(GetString(info[i]));
   // A script that was terminated inside an argument's toString has no complete command.
   if (isolate->IsExecutionTerminating()) return;
 
-  Outcome outcome = RunCommand(command);
+  Outcome outcome = RunCommand(environment, command);
   if (outcome.timedOut) throw VornException("Command timeout");
+  if (outcome.interrupted) {
+    EndScript(environment);
+    return;
+  }
   outcome.output.resize(strlen(outcome.output.c_str()));
   v8::Local<v8::String> output;
   if (!NewString(isolate, outcome.output).ToLocal(&output)) return;

@@ -28,6 +28,9 @@ constexpr useconds_t kStep = 25000;
 /// Longer gaps between two passes are jumps of the clock and charged to nobody.
 constexpr int32_t kLongestGap = 1000;
 
+/// What a timer takes, and what its queued callback takes, with the engine's handle.
+constexpr size_t kTimerBytes = 256;
+
 }  // namespace
 
 Timers::Timers() : Module("vorn/timers", kSource, 0, nullptr, -1) {}
@@ -69,17 +72,22 @@ bool Timers::TimersContext::HasPendingWork() const {
 
 uint32_t Timers::TimersContext::Add(v8::Isolate* isolate, v8::Local<v8::Value> callback, int32_t delay,
                                     bool recurring) {
+  // Before any lock is held, because it can collect garbage.
+  RequireMemory(m_environment, kTimerBytes);
   const Scope scope(this);
   uint32_t id = 0;
   while (id == 0 || m_timers.count(id) != 0) id = NextTimerId();
   if (delay == 0) {
-    m_environment->PushCallback(new TimerCallback(m_environment, SafeValue::New(isolate, callback), id));
+    m_environment->PushCallback(
+        new TimerCallback(m_environment, SafeValue::New(isolate, callback), id, ChargeTimer()));
   } else {
     CreateThreadIfNeeded(m_environment);
-    m_timers[id] = TimerInfo(SafeValue::New(isolate, callback), delay, recurring);
+    m_timers[id] = TimerInfo(SafeValue::New(isolate, callback), delay, recurring, ChargeTimer());
   }
   return id;
 }
+
+MemoryCharge Timers::TimersContext::ChargeTimer() const { return {m_memory, kTimerBytes}; }
 
 bool Timers::TimersContext::Clear(uint32_t id, bool recurring) {
   const Scope scope(this);
@@ -95,11 +103,11 @@ void Timers::TimersContext::Pass(int32_t elapsed) {
   for (auto timer = m_timers.begin(); timer != m_timers.end();) {
     auto& [id, info] = *timer;
     info.Decrement(elapsed);
-    if (info.GetTimeLeft() > 0) {
+    if (info.GetTimeLeft() > 0 || !m_memory->Fits(kTimerBytes)) {
       ++timer;
       continue;
     }
-    m_environment->PushCallback(new TimerCallback(m_environment, info.GetCallback(), id));
+    m_environment->PushCallback(new TimerCallback(m_environment, info.GetCallback(), id, ChargeTimer()));
     if (info.GetRecurring()) {
       info.Reset();
       ++timer;

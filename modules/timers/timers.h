@@ -9,6 +9,9 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
+
+#include "bridge/memory_budget.h"
 
 namespace vnjs {
 
@@ -51,10 +54,17 @@ class Timers : public Module {
 class Timers::TimerInfo {
  public:
   TimerInfo() = default;
-  TimerInfo(VRefCountedPointer<SafeValue> callback, int32_t interval, bool recurring)
-      : m_callback(callback), m_interval(interval), m_timeLeft(interval), m_recurring(recurring) {}
+  TimerInfo(VRefCountedPointer<SafeValue> callback, int32_t interval, bool recurring, MemoryCharge charge)
+      : m_callback(callback),
+        m_interval(interval),
+        m_timeLeft(interval),
+        m_recurring(recurring),
+        m_charge(std::move(charge)) {}
 
-  void Decrement(int32_t ms) { m_timeLeft -= ms; }
+  /// One that is due stays so.
+  void Decrement(int32_t ms) {
+    if (m_timeLeft > 0) m_timeLeft -= ms;
+  }
   void Reset() { m_timeLeft = m_interval; }
 
   int32_t GetTimeLeft() const { return m_timeLeft; }
@@ -66,6 +76,7 @@ class Timers::TimerInfo {
   int32_t m_interval = 0;
   int32_t m_timeLeft = 0;
   bool m_recurring = false;
+  MemoryCharge m_charge;
 };
 
 /// The waiting timers of one environment. The lock is held for the whole of each operation below.
@@ -75,13 +86,14 @@ class Timers::TimersContext : public EnvironmentVariable {
   bool HasPendingWork() const override;
 
   /// Adds a timer, or queues its callback at once when the delay is 0. Returns its id, never 0 nor one in
-  /// use.
+  /// use. Throws VornException "Bad allocation" when there are too many.
   uint32_t Add(v8::Isolate* isolate, v8::Local<v8::Value> callback, int32_t delay, bool recurring);
 
   /// False when the id belongs to a timer of the other family.
   bool Clear(uint32_t id, bool recurring);
 
-  /// Charges the time that has passed to every timer, in the order of their ids, and queues what is due.
+  /// Charges the time that has passed to every timer, in the order of their ids, and queues what is due. What is
+  /// due waits when too much is queued already, because the script does not come to it.
   void Pass(int32_t elapsed);
 
   uint32_t NextTimerId() { return ++m_lastId; }
@@ -91,7 +103,10 @@ class Timers::TimersContext : public EnvironmentVariable {
     explicit Scope(const TimersContext* context) : MutexScope(context->m_lock) {}
   };
 
+  MemoryCharge ChargeTimer() const;
+
   Environment* const m_environment;
+  const std::shared_ptr<MemoryBudget> m_memory = GetMemoryBudget(m_environment);
 
   mutable MutexLock m_lock{false};
   std::map<uint32_t, TimerInfo> m_timers;
@@ -101,12 +116,13 @@ class Timers::TimersContext : public EnvironmentVariable {
 /// A timer that came due: calls the script's function with the timer's id.
 class Timers::TimerCallback : public CallbackBase {
  public:
-  TimerCallback(Environment* env, VRefCountedPointer<SafeValue> callback, uint32_t id)
-      : CallbackBase(env, callback), m_id(id) {}
+  TimerCallback(Environment* env, VRefCountedPointer<SafeValue> callback, uint32_t id, MemoryCharge charge)
+      : CallbackBase(env, callback), m_id(id), m_charge(std::move(charge)) {}
   void Call() override;
 
  private:
   const uint32_t m_id;
+  const MemoryCharge m_charge;
 };
 
 }  // namespace vnjs

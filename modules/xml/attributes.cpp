@@ -45,6 +45,7 @@ void Xml::SetAttribute(v8::Local<v8::Name> name, v8::Local<v8::Value> value, con
   if (GetElement(info) == nullptr) return;
   std::string text;
   if (!ReadText(info.GetIsolate(), value, &text)) return;
+  RequireMemory(GetEnvironment(info.GetIsolate()), text.size());
   // Only now, because the value's own toString may have removed the element.
   xmlNode* const element = GetElement(info);
   if (element == nullptr) return;

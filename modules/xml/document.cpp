@@ -35,14 +35,19 @@ XmlTextPointer Serialise(const Document& document, int* size) {
 }  // namespace
 
 Document::Document(Xml::XmlEnv* env, v8::Isolate* isolate, DocPointer doc)
-    : Tree(std::move(doc)), m_env(env), m_isolate(isolate) {}
+    : Tree(std::move(doc)),
+      m_env(env),
+      m_isolate(isolate),
+      m_charge(GetMemoryBudget(GetEnvironment(isolate)), 0) {}
 
-Document::~Document() { m_isolate->AdjustAmountOfExternalAllocatedMemory(-m_charged); }
+Document::~Document() {
+  m_isolate->AdjustAmountOfExternalAllocatedMemory(-static_cast<int64_t>(m_charge.bytes()));
+}
 
 void Document::Charge() {
-  const int64_t change = size() - m_charged;
+  const int64_t change = size() - static_cast<int64_t>(m_charge.bytes());
   if (change == 0) return;
-  m_charged = size();
+  m_charge.Set(static_cast<size_t>(size()));
   m_isolate->AdjustAmountOfExternalAllocatedMemory(change);
 }
 
@@ -82,12 +87,13 @@ void Xml::New(const Info& info) {
   if (!info.IsConstructCall()) throw VornException("Invalid VXmlDocument usage");
   XmlEnv* const env = XmlEnv::From(info.Data());
   if (env == nullptr) return;
+  Environment* const environment = GetEnvironment(info.GetIsolate());
   DocPointer doc;
   if (info.Length() == 0) {
     doc.reset(xmlNewDoc(ToXml("1.0")));
   } else {
     if (!IsText(info[0])) throw VornException("Invalid args");
-    doc = ParseXml(GetString(info[0]));
+    doc = ParseXml(GetString(info[0]), GetMemoryBudget(environment)->limit());
   }
   if (doc == nullptr) throw VornException(GetLastXmlError());
   Document* const document = env->Add(std::move(doc), info.This());
@@ -96,6 +102,8 @@ void Xml::New(const Info& info) {
     return;
   }
   document->Charge();
+  // The object that is too much has no owner, and goes with the next collection.
+  RequireMemory(environment, 0);
   info.GetReturnValue().Set(info.This());
 }
 
@@ -134,6 +142,7 @@ void Xml::SetDocRoot(const Info& info) {
   XmlEnv* const env = XmlEnv::From(info.Data());
   Document* const document = env == nullptr ? nullptr : GetPtr(env, info.This());
   if (document == nullptr) return;
+  RequireMemory(GetEnvironment(info.GetIsolate()), 0);
   NodePointer element;
   if (!NodeBuilder(env, document).Build(info[0], 1, &element) || element == nullptr) return;
   document->SetRoot(std::move(element));

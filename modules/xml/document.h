@@ -4,6 +4,7 @@
 
 #include <list>
 
+#include "bridge/memory_budget.h"
 #include "modules/xml/tree.h"
 #include "modules/xml/xml.h"
 
@@ -22,7 +23,7 @@ class Document : public Tree {
 
   static Document* Of(const xmlNode* node) { return static_cast<Document*>(Tree::Of(node)); }
 
-  /// Tells the engine how much the tree has grown or shrunk, so that it collects documents in time. May
+  /// Counts how much the tree has grown or shrunk, and tells the engine, so that it collects documents in time. May
   /// collect some at once, never this one.
   void Charge();
 
@@ -34,7 +35,7 @@ class Document : public Tree {
 
   Xml::XmlEnv* const m_env;
   v8::Isolate* const m_isolate;
-  int64_t m_charged = 0;
+  MemoryCharge m_charge;
 
   /// Weak.
   v8::Global<v8::Object> m_object;

@@ -122,6 +122,7 @@ void Xml::SetNodeText(v8::Local<v8::Name>, v8::Local<v8::Value> value,
   std::string text;
   const bool isText = !value->IsNullOrUndefined();
   if (isText && !ReadText(info.GetIsolate(), value, &text)) return;
+  RequireMemory(GetEnvironment(info.GetIsolate()), text.size());
   // Only now, because the value's own toString may have removed the element.
   xmlNode* const element = GetElement(info);
   if (element == nullptr) return;
@@ -178,6 +179,7 @@ void Xml::InsertNodeChild(const Info& info) {
   XmlEnv* const env = XmlEnv::From(info.Data());
   const xmlNode* const receiver = GetReceiver(env, info.This());
   if (receiver == nullptr) return;
+  RequireMemory(GetEnvironment(info.GetIsolate()), 0);
   NodePointer element;
   if (!NodeBuilder(env, Tree::Of(receiver)).Build(info[0], Tree::DepthOf(receiver) + 1, &element)) return;
   if (element == nullptr) throw VornException("Invalid node object");

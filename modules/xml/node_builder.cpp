@@ -6,16 +6,16 @@
 #include <new>
 #include <utility>
 
+#include "bridge/native.h"
 #include "modules/xml/characters.h"
 
 namespace vnjs {
 
 namespace {
 
-/// How many entries of arrays and objects one call looks at, and how much text it takes: what cannot be interrupted
-/// must end by itself. Small objects that refer to each other can mean a tree of any size.
+/// How many entries of arrays and objects one call looks at: what cannot be interrupted must end by itself. Small
+/// objects that refer to each other can mean a tree of any size.
 constexpr size_t kMostEntries = 1000000;
-constexpr size_t kMostText = 128 * 1024 * 1024;
 
 }  // namespace
 
@@ -30,11 +30,15 @@ bool ReadText(v8::Isolate* isolate, v8::Local<v8::Value> value, std::string* tex
 }
 
 NodeBuilder::NodeBuilder(Xml::XmlEnv* env, Tree* tree)
-    : m_env(env), m_isolate(env->isolate()), m_context(m_isolate->GetCurrentContext()), m_tree(tree) {}
+    : m_env(env),
+      m_isolate(env->isolate()),
+      m_context(m_isolate->GetCurrentContext()),
+      m_tree(tree),
+      m_memory(GetMemoryBudget(GetEnvironment(m_isolate))) {}
 
 void NodeBuilder::Spend(size_t text) {
-  m_text += text;
-  if (++m_entries > kMostEntries || m_text > kMostText) throw VornException("XML is too large");
+  m_bytes += sizeof(xmlNode) + text;
+  if (++m_entries > kMostEntries || !m_memory->Fits(m_bytes)) throw VornException("XML is too large");
 }
 
 bool NodeBuilder::Read(v8::Local<v8::Object> object, Xml::XmlEnv::Key key, v8::Local<v8::Value>* value) {

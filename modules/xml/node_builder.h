@@ -2,6 +2,7 @@
 
 #include <v8.h>
 
+#include "bridge/memory_budget.h"
 #include "modules/xml/tree.h"
 #include "modules/xml/xml.h"
 
@@ -36,8 +37,9 @@ class NodeBuilder {
   v8::Isolate* const m_isolate;
   const v8::Local<v8::Context> m_context;
   Tree* const m_tree;
+  const std::shared_ptr<MemoryBudget> m_memory;
   size_t m_entries = 0;
-  size_t m_text = 0;
+  size_t m_bytes = 0;
 };
 
 /// Whether a value is a string or a String object.

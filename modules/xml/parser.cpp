@@ -52,6 +52,9 @@ struct Watch {
   size_t mostExpanded = 0;
   size_t expanded = 0;
   double comparisons = 0;
+
+  /// What the tree may still take, in bytes.
+  size_t memory = 0;
   int entityElements = 0;
   int ids = 0;
   bool hasDefaults = false;
@@ -138,6 +141,8 @@ void StartElement(void* parser, const xmlChar* name, const xmlChar* prefix, cons
                   const xmlChar** attributes) {
   Watch* const watch = WatchOf(parser);
   watch->comparisons += static_cast<double>(defaultCount) * defaultCount;
+  const size_t bytes =
+      sizeof(xmlNode) + (sizeof(xmlAttr) + sizeof(xmlNode)) * static_cast<size_t>(attributeCount);
   if (watch->stopped) {
     // Inside of an entity, it was the parser of its text that was stopped.
     Stop(parser);
@@ -146,7 +151,10 @@ void StartElement(void* parser, const xmlChar* name, const xmlChar* prefix, cons
   } else if (static_cast<xmlParserCtxt*>(parser)->nsNr > 2 * kMostNamespaces) {
     // Which counts prefix and URI.
     Refuse(parser, "Too many namespaces");
+  } else if (bytes > watch->memory) {
+    Refuse(parser, "Document is too large");
   } else {
+    watch->memory -= bytes;
     xmlSAX2StartElementNs(parser, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaultCount,
                           attributes);
   }
@@ -251,7 +259,7 @@ bool IsDeep(const xmlDoc* doc) {
 
 }  // namespace
 
-DocPointer ParseXml(const std::string& text) {
+DocPointer ParseXml(const std::string& text, size_t memory) {
   if (HasCrowdedTag(text)) throw VornException("XML error: Too many attributes");
   if (HasLongDoctype(text)) throw VornException("XML error: Document type is too long");
   // An error of an earlier parse is no answer to why this one failed.
@@ -260,6 +268,7 @@ DocPointer ParseXml(const std::string& text) {
   if (parser == nullptr) throw std::bad_alloc();
   Watch watch;
   watch.mostExpanded = kMostExpanded + text.size();
+  watch.memory = memory;
   parser->_private = &watch;
   parser->sax->serror = OnError;
   parser->sax->entityDecl = DeclareEntity;

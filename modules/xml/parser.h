@@ -10,6 +10,6 @@ namespace vnjs {
 /// declares itself are substituted; white space between elements is dropped; CDATA sections become text. Null
 /// where libxml2's last error of this thread says why. Throws VornException "XML error…" for documents that
 /// would take minutes, or much more memory than their size.
-DocPointer ParseXml(const std::string& text);
+DocPointer ParseXml(const std::string& text, size_t memory);
 
 }  // namespace vnjs

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <iterator>
@@ -19,6 +21,28 @@ inline std::ptrdiff_t OpenDescriptors() {
 
 /// Whether this process has a child, ended or not, that nobody waited for. Does not wait.
 inline bool HasChildren() { return waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD; }
+
+/// Interrupts this thread by a signal every so many microseconds, until the end of the scope.
+class Interruptions {
+ public:
+  explicit Interruptions(int microseconds) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, &m_before);
+    const itimerval often{{0, microseconds}, {0, microseconds}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+  }
+  ~Interruptions() {
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &m_before, nullptr);
+  }
+  Interruptions(const Interruptions&) = delete;
+  Interruptions& operator=(const Interruptions&) = delete;
+
+ private:
+  struct sigaction m_before {};
+};
 
 /// Leaves this process `count` more descriptors to open until the end of the scope.
 class DescriptorLimit {

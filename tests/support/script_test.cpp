@@ -1,7 +1,9 @@
 #include "tests/support/script_test.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -41,12 +43,40 @@ bool WaitUntilTrue(bool (*condition)(void*), void* data) {
   return true;
 }
 
-void CollectGarbage(Environment* environment) {
-  v8::Isolate* const isolate = environment->GetIsolate();
-  const v8::Locker locker(isolate);
-  const v8::Isolate::Scope isolateScope(isolate);
-  isolate->LowMemoryNotification();
+Inside::Inside(Environment* environment)
+    : isolate(environment->GetIsolate()),
+      m_locker(isolate),
+      m_isolateScope(isolate),
+      m_handleScope(isolate),
+      context(environment->GetContext()),
+      m_contextScope(context) {}
+
+v8::Local<v8::Value> Inside::Eval(const std::string& code) const {
+  const v8::Local<v8::String> text = v8::String::NewFromUtf8(isolate, code.c_str()).ToLocalChecked();
+  return v8::Script::Compile(context, text).ToLocalChecked()->Run(context).ToLocalChecked();
 }
+
+void AtOnce(int threads, const std::function<void(int)>& function) {
+  std::vector<std::thread> running;
+  running.reserve(static_cast<size_t>(threads));
+  for (int i = 0; i < threads; ++i) running.emplace_back(function, i);
+  for (std::thread& thread : running) thread.join();
+}
+
+void OnStack(size_t bytes, std::function<void()> function) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setstacksize(&attributes, bytes);
+  pthread_t thread{};
+  const auto call = [](void* data) -> void* {
+    return (*static_cast<std::function<void()>*>(data))(), nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attributes, call, &function), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+}
+
+void CollectGarbage(Environment* environment) { Inside(environment).isolate->LowMemoryNotification(); }
 
 ScriptTest::ScriptTest() {
   std::filesystem::create_directory(dir() + "storage");
@@ -55,6 +85,14 @@ ScriptTest::ScriptTest() {
 }
 
 ScriptTest::~ScriptTest() = default;
+
+void ScriptTest::MakeAgain(size_t heapBytes, size_t bufferBytes) {
+  constexpr size_t kDefault = 64 << 20;
+  Automation::SetLimits(heapBytes, bufferBytes);
+  automation = std::make_unique<Automation>(dir().c_str());
+  automation->SetLogger(NewLogger("test"));
+  Automation::SetLimits(kDefault, kDefault);
+}
 
 std::string ScriptTest::Run(const std::string& code, const char* source) {
   const RunResult result = automation->Run(code.c_str(), source);
@@ -72,6 +110,20 @@ void ScriptTest::RunAll(const std::vector<Case>& cases) {
   for (const Case& test : cases) {
     EXPECT_EQ(automation->Run(test.code, "test.js").result(), test.expected) << test.code;
   }
+}
+
+void ScriptTest::RunTable(const std::string& table) {
+  std::istringstream lines(table);
+  std::string code;
+  for (std::string line; std::getline(lines, line);) {
+    const size_t arrow = line.find("==>");
+    code += line.substr(0, arrow) + '\n';
+    if (arrow == std::string::npos) continue;
+    const std::string expected = line.substr(std::min(line.find_first_not_of(' ', arrow + 3), line.size()));
+    EXPECT_EQ(automation->Run(code.c_str(), "test.js").result(), expected) << code;
+    code.clear();
+  }
+  EXPECT_EQ(code.find_first_not_of(" \n"), std::string::npos) << "no result given for " << code;
 }
 
 void ScriptTest::PumpUntil(const std::string& expression) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <vnjs/vnjs.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -43,6 +44,32 @@ bool WaitUntil(Condition condition) {
                        &condition);
 }
 
+/// The scopes that a host's own code needs around what it does with script values.
+class Inside {
+ public:
+  explicit Inside(Environment* environment);
+  v8::Local<v8::Value> Eval(const std::string& code) const;
+
+  v8::Isolate* const isolate;
+
+ private:
+  const v8::Locker m_locker;
+  const v8::Isolate::Scope m_isolateScope;
+  const v8::HandleScope m_handleScope;
+
+ public:
+  const v8::Local<v8::Context> context;
+
+ private:
+  const v8::Context::Scope m_contextScope;
+};
+
+/// Calls a function on so many threads at the same time, with the number of each.
+void AtOnce(int threads, const std::function<void(int)>& function);
+
+/// Calls a function on a thread of its own, which has a stack of that size.
+void OnStack(size_t bytes, std::function<void()> function);
+
 /// Collects all garbage, as natives-syntax-free hosts can: the isolate's low-memory notification, under its
 /// lock.
 void CollectGarbage(Environment* environment);
@@ -53,6 +80,9 @@ class ScriptTest : public ::testing::Test {
   ScriptTest();
   ~ScriptTest() override;
 
+  /// Another environment in place of the one that there is, with these limits.
+  void MakeAgain(size_t heapBytes, size_t bufferBytes);
+
   /// The result text; a script exception fails the test.
   std::string Run(const std::string& code, const char* source = "test.js");
 
@@ -60,6 +90,10 @@ class ScriptTest : public ::testing::Test {
   std::string Fail(const std::string& code, const char* source = "test.js");
 
   void RunAll(const std::vector<Case>& cases);
+
+  /// Runs the rows of a table, each of which is script text and the exact text that it results in:
+  /// `CODE ==> TEXT`. The code may begin on lines above; an exception's text begins with "Uncaught".
+  void RunTable(const std::string& table);
 
   /// Runs callbacks until the script expression is true, at most 20 s.
   void PumpUntil(const std::string& expression);

@@ -1,0 +1,143 @@
+#include "engine/run_guard.h"
+
+#include "bridge/native.h"
+#include "engine/environment_impl.h"
+#include "engine/failure.h"
+
+namespace vnjs {
+
+namespace {
+
+/// What the heap may grow by while a script that filled it is being ended: the engine ends the process when it
+/// reaches a limit within one of its own functions, which cannot be ended half-way. Most of it is never touched.
+constexpr size_t kRoomToEnd = size_t{sizeof(void*) == 8 ? 1024 : 256} * 1024 * 1024;
+
+size_t UsedHeap(v8::Isolate* isolate) {
+  v8::HeapStatistics statistics;
+  isolate->GetHeapStatistics(&statistics);
+  return statistics.used_heap_size();
+}
+
+ScriptPosition CurrentPlace(v8::Isolate* isolate) {
+  const v8::HandleScope scope(isolate);
+  const v8::Local<v8::StackTrace> stack = v8::StackTrace::CurrentStackTrace(isolate, 1);
+  if (stack->GetFrameCount() == 0) return {};
+  const v8::Local<v8::StackFrame> frame = stack->GetFrame(isolate, 0);
+  return {GetString(frame->GetScriptNameOrSourceURL()), frame->GetLineNumber(), frame->GetColumn()};
+}
+
+}  // namespace
+
+RunGuard::RunGuard(v8::Isolate* isolate) : m_isolate(isolate) {
+  isolate->AddNearHeapLimitCallback(OnNearHeapLimit, this);
+}
+
+void RunGuard::Detach() { m_isolate->RemoveNearHeapLimitCallback(OnNearHeapLimit, m_heapLimit); }
+
+void RunGuard::Begin() {
+  m_isolate->CancelTerminateExecution();
+  m_place = {};
+  const bool full = m_hopeless && UsedHeap(m_isolate) > 2 * m_heapLimit;
+  const Lock lock(this);
+  m_running = true;
+  m_reason = m_closed ? kInterrupted : full ? kOutOfMemory : kNone;
+  if (m_reason != kNone) m_isolate->TerminateExecution();
+}
+
+void RunGuard::Settle() {
+  // The engine drops all microtasks when it ends one.
+  if (IsStopping() || m_isolate->IsExecutionTerminating()) m_isolate->TerminateExecution();
+  m_isolate->PerformMicrotaskCheckpoint();
+  Forget();
+}
+
+void RunGuard::End() {
+  Forget();
+  {
+    const Lock lock(this);
+    m_running = false;
+  }
+  if (m_limitRaised) RestoreHeapLimit();
+}
+
+void RunGuard::Forget() {
+  const Lock lock(this);
+  m_reason = kNone;
+  m_isolate->CancelTerminateExecution();
+}
+
+void RunGuard::RestoreHeapLimit() {
+  m_limitRaised = false;
+  m_isolate->LowMemoryNotification();
+  // The engine lowers the limit no further than to a quarter more than what is alive. A script has until then to let
+  // go of it.
+  m_isolate->RemoveNearHeapLimitCallback(OnNearHeapLimit, m_heapLimit);
+  m_isolate->AddNearHeapLimitCallback(OnNearHeapLimit, this);
+  m_hopeless = m_full && UsedHeap(m_isolate) > 2 * m_heapLimit;
+  m_full = UsedHeap(m_isolate) > m_heapLimit;
+}
+
+void RunGuard::Interrupt() {
+  const Lock lock(this);
+  m_interrupted = true;
+  if (m_running) Stop(kInterrupted);
+}
+
+void RunGuard::Close() {
+  const Lock lock(this);
+  m_closed = m_interrupted;
+  if (m_closed && m_running) Stop(kInterrupted);
+}
+
+void RunGuard::Resume() {
+  const Lock lock(this);
+  m_interrupted = false;
+}
+
+bool RunGuard::IsStopping() const {
+  const Lock lock(this);
+  return m_reason != kNone;
+}
+
+void RunGuard::EndNow(v8::Local<v8::Context> context) {
+  if (m_place.line == 0) m_place = CurrentPlace(m_isolate);
+  m_isolate->TerminateExecution();
+  // The engine notices that only where code is entered or loops, so some code is entered.
+  v8::Local<v8::Script> nothing;
+  v8::Local<v8::Value> ignored;
+  if (!v8::Script::Compile(context, v8::String::Empty(m_isolate)).ToLocal(&nothing)) return;
+  if (!nothing->Run(context).ToLocal(&ignored)) return;
+}
+
+RunResult RunGuard::Stopped() {
+  const Lock lock(this);
+  if (m_reason == kNone) m_reason = kInterrupted;
+  return {m_reason == kOutOfMemory ? kOutOfMemoryText : kInterruptedText, true, m_place};
+}
+
+/// Under the lock. Not the engine's own termination at once, because afterwards nobody can tell where it was.
+void RunGuard::Stop(Reason reason) {
+  if (m_reason == kNone) m_reason = reason;
+  m_isolate->RequestInterrupt(OnInterrupt, nullptr);
+}
+
+void RunGuard::OnInterrupt(v8::Isolate* isolate, void*) {
+  // The request may come late: after its part, or its environment, has ended.
+  auto* const environment = static_cast<EnvironmentImpl*>(GetEnvironment(isolate));
+  if (environment == nullptr || !environment->GetRunGuard().IsStopping()) return;
+  RunGuard& guard = environment->GetRunGuard();
+  if (guard.m_place.line == 0) guard.m_place = CurrentPlace(isolate);
+  isolate->TerminateExecution();
+}
+
+/// Inside the collector, where no script can be asked for its place.
+size_t RunGuard::OnNearHeapLimit(void* data, size_t current, size_t initial) {
+  auto* const guard = static_cast<RunGuard*>(data);
+  guard->m_heapLimit = initial;
+  guard->m_limitRaised = true;
+  const Lock lock(guard);
+  if (guard->m_running) guard->Stop(kOutOfMemory);
+  return current + kRoomToEnd;
+}
+
+}  // namespace vnjs

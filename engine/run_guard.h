@@ -1,0 +1,82 @@
+#pragma once
+
+#include <v8.h>
+#include <vnjs/result.h>
+
+#include <mutex>
+#include <string>
+
+namespace vnjs {
+
+/// Ends what an environment runs: because the host wants it to end, or because the heap is full.
+///
+/// What it ends is always the part that runs now: the outermost script or callback with all that it has called, its
+/// microtasks included. A part that ended by itself in the meantime takes the wish with it.
+///
+/// Threads:  Interrupt and Close from any thread; everything else under the isolate's lock.
+class RunGuard {
+ public:
+  /// Watches the isolate's heap until Detach.
+  explicit RunGuard(v8::Isolate* isolate);
+  void Detach();
+
+  /// A part begins. Nothing that was asked for before is meant for it.
+  void Begin();
+
+  /// The part is over but for what it has left behind: drops its microtasks if it was ended, runs them if not.
+  void Settle();
+
+  /// The part is over. Gives the heap its limit back.
+  void End();
+
+  /// Ends the part that runs now, if there is one.
+  void Interrupt();
+
+  /// The environment ends. If the host has interrupted something and asked for nothing since, the part that runs is
+  /// ended, and none that begins gets anywhere.
+  void Close();
+
+  /// The host asks for something new.
+  void Resume();
+
+  bool IsStopping() const;
+
+  /// Ends the script that has called the native which calls this, as soon as the native returns.
+  void EndNow(v8::Local<v8::Context> context);
+
+  /// The engine has ended the part: why, and where it was.
+  RunResult Stopped();
+
+ private:
+  enum Reason { kNone, kInterrupted, kOutOfMemory };
+
+  /// Requests come from other threads.
+  struct Lock : std::lock_guard<std::mutex> {
+    explicit Lock(const RunGuard* guard) : lock_guard(guard->m_mutex) {}
+  };
+
+  void Stop(Reason reason);
+  void Forget();
+  void RestoreHeapLimit();
+  static void OnInterrupt(v8::Isolate* isolate, void*);
+  static size_t OnNearHeapLimit(void* guard, size_t current, size_t initial);
+
+  v8::Isolate* const m_isolate;
+
+  /// Of the old objects; known once it was reached.
+  size_t m_heapLimit = 0;
+  bool m_limitRaised = false;
+
+  /// What outlived a part that filled the heap fills it still, and a second such part has not made it better.
+  bool m_full = false;
+  bool m_hopeless = false;
+  ScriptPosition m_place;
+
+  mutable std::mutex m_mutex;
+  Reason m_reason = kNone;
+  bool m_running = false;
+  bool m_interrupted = false;
+  bool m_closed = false;
+};
+
+}  // namespace vnjs
