@@ -80,6 +80,8 @@ RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
 RunResult EnvironmentImpl::Execute(const PendingCode& code) {
   Entry entry(this);
   entry.Begin();
+  // What came while nobody had the isolate: the engine forgets that it was to interrupt.
+  if (m_debugTarget != nullptr && entry.IsOutermost()) m_debugTarget->Dispatch();
   RunResult result;
   try {
     result = ExecuteEntered(entry.context(), code);
@@ -116,6 +118,8 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
   const bool ended = RunWithMicrotasks([&] { return script->Run(context).ToLocal(&value); });
   // A termination can also have ended the microtasks alone, after the script itself returned.
   if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) return ExecuteStopped();
+  // A debugger can have taken the termination back that it had asked for.
+  if (!ended && caught.Message().IsEmpty()) return ExecuteStopped();
   if (!ended) {
     const std::string text = MessageText(caught);
     const ScriptPosition position = Position(context, caught.Message());

@@ -48,6 +48,7 @@ void EnvironmentImpl::StopThread() {
   m_terminating = true;
   if (m_debugTarget != nullptr) m_debugTarget->SetReleased(true);
   JoinWorker();
+  if (m_debugTarget != nullptr && !OnWorker()) m_debugTarget->SetReleased(false);
 }
 
 void EnvironmentImpl::JoinWorker() {

@@ -13,6 +13,9 @@ constexpr size_t kKeptLines = 200;
 /// How much may wait while nobody can read, as during a long command: twice the longest message.
 constexpr size_t kMostBytes = 32 * 1024 * 1024;
 
+/// Messages without a text take memory too.
+size_t CostOf(const DebugMessage& message) { return sizeof message + message.text.size(); }
+
 }  // namespace
 
 DebugMailbox::DebugMailbox(v8::Isolate* isolate, v8::InterruptCallback interrupt)
@@ -21,19 +24,27 @@ DebugMailbox::DebugMailbox(v8::Isolate* isolate, v8::InterruptCallback interrupt
 bool DebugMailbox::Post(DebugMessage message) {
   const std::lock_guard<std::mutex> lock(m_mutex);
   if (m_closed) return false;
-  if (message.kind == DebugMessage::kDisconnect) {
-    for (DebugMessage& waiting : m_messages) {
-      if (waiting.client != message.client) continue;
-      m_bytes -= waiting.text.size();
-      waiting.text = std::string();
-    }
-  }
-  if (message.text.size() > kMostBytes - m_bytes) return false;
-  m_bytes += message.text.size();
+  if (message.kind == DebugMessage::kDisconnect && RemoveMailOf(message.client)) return true;
+  const size_t cost = CostOf(message);
+  if (message.kind == DebugMessage::kText && cost > kMostBytes - m_bytes) return false;
+  m_bytes += cost;
   m_messages.push_back(std::move(message));
   m_changed.notify_all();
   m_isolate->RequestInterrupt(m_interrupt, nullptr);
   return true;
+}
+
+bool DebugMailbox::RemoveMailOf(int client) {
+  bool isNew = false;
+  const auto end = std::remove_if(m_messages.begin(), m_messages.end(),
+                                  [this, client, &isNew](const DebugMessage& message) {
+                                    if (message.client != client) return false;
+                                    isNew |= message.kind == DebugMessage::kConnect;
+                                    m_bytes -= CostOf(message);
+                                    return true;
+                                  });
+  m_messages.erase(end, m_messages.end());
+  return isNew;
 }
 
 bool DebugMailbox::Take(DebugMessage* message) {
@@ -41,7 +52,7 @@ bool DebugMailbox::Take(DebugMessage* message) {
   if (m_messages.empty()) return false;
   *message = std::move(m_messages.front());
   m_messages.pop_front();
-  m_bytes -= message->text.size();
+  m_bytes -= CostOf(*message);
   return true;
 }
 

@@ -61,6 +61,9 @@ class DebugMailbox {
   void Forget(const std::shared_ptr<DebugConnection>& connection);
 
  private:
+  /// Returns whether the client was among it: the target has never heard of it.
+  bool RemoveMailOf(int client);
+
   std::mutex m_mutex;
   std::condition_variable m_changed;
   v8::Isolate* const m_isolate;

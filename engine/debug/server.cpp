@@ -21,6 +21,7 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -175,6 +176,7 @@ class Connection : public DebugConnection {
 
   void Send(std::string message) override;
   void Close() override;
+  void WaitUntilSent(std::chrono::milliseconds time) override;
 
   /// Moves the next message out, once the one before is written.
   Next Take(std::string* message);
@@ -193,6 +195,8 @@ class Connection : public DebugConnection {
   const std::weak_ptr<Client> m_client;
 
   std::mutex m_queueMutex;
+  std::condition_variable m_done;
+  bool m_sent = false;
   /// Null once the client has gone.
   net::io_context* m_context;
   std::deque<std::string> m_queue;
@@ -228,6 +232,11 @@ void Connection::Close() {
   m_busy = true;
 }
 
+void Connection::WaitUntilSent(std::chrono::milliseconds time) {
+  std::unique_lock<std::mutex> queueLock(m_queueMutex);
+  m_done.wait_for(queueLock, time, [this] { return m_sent || m_context == nullptr; });
+}
+
 Connection::Next Connection::Take(std::string* message) {
   const std::lock_guard<std::mutex> queueLock(m_queueMutex);
   m_bytes -= message->size();
@@ -237,7 +246,11 @@ Connection::Next Connection::Take(std::string* message) {
     m_queue.pop_front();
     return Next::kMessage;
   }
-  if (m_ending) return Next::kEnd;
+  if (m_ending) {
+    m_sent = true;
+    m_done.notify_all();
+    return Next::kEnd;
+  }
   m_busy = false;
   return Next::kNothing;
 }
@@ -246,6 +259,7 @@ void Connection::Abandon() {
   std::deque<std::string> dropped;
   const std::lock_guard<std::mutex> queueLock(m_queueMutex);
   m_context = nullptr;
+  m_done.notify_all();
   m_queue.swap(dropped);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -18,6 +19,9 @@ class DebugConnection {
 
   /// Sends what is queued and closes.
   virtual void Close() = 0;
+
+  /// Waits, at most so long, until what was queued before Close is sent. Not on the server's thread.
+  virtual void WaitUntilSent(std::chrono::milliseconds time) = 0;
 };
 
 /// The other end of a client: destroyed when the client has gone, however that happened.

@@ -3,7 +3,9 @@
 #include <vnjs/thread.h>
 
 #include <boost/locale/encoding_utf.hpp>
+#include <cctype>
 #include <chrono>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <thread>
@@ -31,6 +33,9 @@ constexpr int kGroup = 1;
 
 /// How long the thread that runs scripts has to read its mail: its next turn comes after 10 ms.
 constexpr std::chrono::milliseconds kPatience(50);
+
+/// How long the end of an environment waits for a client that reads slowly.
+constexpr std::chrono::milliseconds kFarewell(100);
 
 StringView ToView(const std::string& ascii) {
   return {reinterpret_cast<const uint8_t*>(ascii.data()), ascii.size()};
@@ -110,9 +115,21 @@ class InspectedTarget::Session : public v8_inspector::V8Inspector::Channel {
   bool IsGone() const { return m_gone; }
   bool CanBeDropped() const { return m_gone && m_dispatching == 0; }
   const std::shared_ptr<DebugConnection>& connection() const { return m_connection; }
+  /// A profile is one of the thread that was asked for it, and is wanted of the one that runs scripts.
+  void NoteProfile(const std::string& method) {
+    if (method == "Profiler.start") m_profiled = pthread_self();
+    if (method == "Profiler.stop" || method == "Profiler.disable") m_profiled = 0;
+  }
+  void MoveProfile() {
+    if (m_profiled == 0 || m_profiled == pthread_self()) return;
+    Command(R"({"id":0,"method":"Profiler.stop"})");
+    Command(R"({"id":0,"method":"Profiler.start"})");
+    m_profiled = pthread_self();
+  }
   /// The client wants the next code to stop, whatever it is.
   void PauseAtStart() { m_pausesAtStart = true; }
   void OnScriptStart() {
+    MoveProfile();
     if (std::exchange(m_pausesAtStart, false)) {
       // What it remembers of an earlier wish would keep the engine from taking this one.
       m_session->cancelPauseOnNextStatement();
@@ -143,6 +160,7 @@ class InspectedTarget::Session : public v8_inspector::V8Inspector::Channel {
   bool m_gone = false;
   bool m_ownCommand = false;
   bool m_pausesAtStart = false;
+  unsigned long m_profiled = 0;
 };
 
 InspectedTarget::InspectedTarget(EnvironmentImpl* env)
@@ -174,6 +192,8 @@ InspectedTarget::~InspectedTarget() {
   while (m_mailbox->Take(&message)) {
     if (message.connection != nullptr) dismiss(*message.connection);
   }
+  // The process may end next, and clients would not hear of it.
+  for (const auto& [client, session] : m_sessions) session->connection()->WaitUntilSent(kFarewell);
   m_sessions.clear();
   m_inspector->contextDestroyed(m_env->GetContext());
   m_isolate->RemoveMessageListeners(IgnoreReport);
@@ -200,21 +220,34 @@ void InspectedTarget::Join() { VJoinThread(&m_thread); }
 void* InspectedTarget::ThreadFunc(void* target) {
   auto* const self = static_cast<InspectedTarget*>(target);
   set_thread_name("vorn/debug");
+  bool hasEntered = false;
   while (self->m_mailbox->WaitForMailOrClose()) {
     // The thread that runs the scripts goes first: a profile is one of the thread that started it.
     std::this_thread::sleep_for(kPatience);
-    if (self->m_mailbox->Wait(std::chrono::milliseconds(0))) self->m_env->ProcessDebugMessages();
+    if (!self->m_mailbox->Wait(std::chrono::milliseconds(0))) continue;
+    hasEntered = true;
+    self->m_env->ProcessDebugMessages();
   }
-  self->m_env->LeaveDebugThread();
+  // A host may hold the isolate's Locker where it destroys the environment.
+  if (hasEntered) self->m_env->LeaveDebugThread();
   return nullptr;
 }
 
 void InspectedTarget::Dispatch() {
+  if (IsIdle()) m_terminating = false;
   DebugMessage message;
-  while (m_mailbox->Take(&message)) Handle(std::move(message));
+  while (!m_terminating && !m_env->GetRunGuard().IsStopping() && m_mailbox->Take(&message)) {
+    Handle(std::move(message));
+  }
+}
+
+bool InspectedTarget::IsIdle() const {
+  const v8::HandleScope handleScope(m_isolate);
+  return v8::StackTrace::CurrentStackTrace(m_isolate, 1)->GetFrameCount() == 0;
 }
 
 void InspectedTarget::OnScriptStart() {
+  m_terminating = false;
   for (const auto& [client, session] : m_sessions) session->OnScriptStart();
 }
 
@@ -228,12 +261,17 @@ void InspectedTarget::Handle(DebugMessage message) {
   if (found == m_sessions.end()) return;
   Session& session = *found->second;
   if (message.kind == DebugMessage::kText) {
+    const bool wasClientCode = m_runsClientCode.exchange(true);
     try {
-      HandleText(session, message.text);
+      // Close ends what runs, so nothing begins after it.
+      if (!m_mailbox->IsClosed()) HandleText(session, message.text);
     } catch (const std::exception&) {
       // No memory for what the client wants. What it leaves behind is seen to when it has gone.
       session.connection()->Close();
     }
+    m_runsClientCode = wasClientCode;
+    // What a client has interrupted was one's own: a termination ends one of them.
+    if (wasClientCode && m_mailbox->IsClosed()) m_isolate->TerminateExecution();
   } else {
     m_mailbox->Forget(session.connection());
     session.Leave();
@@ -243,10 +281,10 @@ void InspectedTarget::Handle(DebugMessage message) {
 
 void InspectedTarget::HandleText(Session& session, const std::string& text) {
   const std::string method = MethodOf(text);
-  const bool isIdle = v8::StackTrace::CurrentStackTrace(m_isolate, 1)->GetFrameCount() == 0;
-  if (isIdle) m_runsClientCode = true;
+  const bool isIdle = IsIdle();
   session.Dispatch(text);
-  if (isIdle) m_runsClientCode = false;
+  if (method == "Runtime.terminateExecution" && !isIdle && !m_paused) m_terminating = true;
+  session.NoteProfile(method);
   if (method == "Debugger.pause" && isIdle) session.PauseAtStart();
   if (method == "Runtime.enable" && !session.IsGone()) m_mailbox->Listen(session.connection());
 }
@@ -298,6 +336,23 @@ void InspectedTarget::quitMessageLoopOnPause() { m_paused = false; }
 void InspectedTarget::runIfWaitingForDebugger(int) { m_clientReady = true; }
 
 v8::Local<v8::Context> InspectedTarget::ensureDefaultContextInGroup(int) { return m_env->GetContext(); }
+
+/// Tools look for source maps and folders beside addresses, not beside paths.
+std::unique_ptr<StringBuffer> InspectedTarget::resourceNameToUrl(const StringView& name) {
+  const std::string path = ToUtf8(name);
+  if (path.empty() || path[0] != '/') return nullptr;
+  std::string url = "file://";
+  for (const char c : path) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    const auto byte = static_cast<unsigned char>(c);
+    if (isalnum(byte) != 0 || strchr("/-_.~!$&'()*+,;=:@", c) != nullptr) {
+      url += c;
+    } else {
+      url += {'%', kDigits[byte / 16], kDigits[byte % 16]};
+    }
+  }
+  return StringBuffer::create(ToView(url));
+}
 
 double InspectedTarget::currentTimeMS() { return NowMs(); }
 

@@ -37,6 +37,7 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   class Session;
 
   void Handle(DebugMessage message);
+  bool IsIdle() const;
   void HandleText(Session& session, const std::string& text);
   void DropGoneSessions();
   static void* ThreadFunc(void* target);
@@ -45,6 +46,8 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   void quitMessageLoopOnPause() override;
   void runIfWaitingForDebugger(int group) override;
   v8::Local<v8::Context> ensureDefaultContextInGroup(int group) override;
+  std::unique_ptr<v8_inspector::StringBuffer> resourceNameToUrl(
+      const v8_inspector::StringView& name) override;
   double currentTimeMS() override;
 
   EnvironmentImpl* const m_env;
@@ -56,13 +59,16 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   int m_contextId = 0;
   std::string m_id;
 
-  /// Code runs that a client has sent, and no script is below it.
+  /// Code may be running that a client has sent.
   std::atomic<bool> m_runsClientCode{false};
 
   // Guarded by the isolate's Locker.
   std::unique_ptr<v8_inspector::V8Inspector> m_inspector;
   std::map<int, std::unique_ptr<Session>> m_sessions;
   bool m_paused = false;
+  /// The script below is about to end because a client wants it. Mail waits until it has: the engine crashes at some
+  /// commands meanwhile.
+  bool m_terminating = false;
   bool m_clientReady = false;
 };
 

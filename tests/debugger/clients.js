@@ -5,6 +5,7 @@
 const assert = require('assert');
 const fs = require('fs');
 const path = require('path');
+const {pathToFileURL} = require('url');
 const {kSkipped, runTests, until, within} = require('./harness');
 
 let CDP;
@@ -118,16 +119,16 @@ const tests = {
     const client = await Client.attach(host, name, 'Debugger');
     const file = path.join(host.folder, 'lamps.js');
     fs.writeFileSync(file, kLamps);
-    await client.breakAt(file, 2, 'lamp == 3');
+    const url = pathToFileURL(file).href;
+    await client.breakAt(url, 2, 'lamp == 3');
     const result = host.send('runFile', name, file);
-    assert.equal(await client.paused(), `dim ${file}:2`);
+    assert.equal(await client.paused(), `dim ${url}:2`);
     assert.deepEqual(await client.evaluateOnFrame('[lamp, i, sum]'), [3, 3, 6]);
     await client.evaluateOnFrame('lamp = 50');
     // A step is a statement, or a part of the loop's head.
-    for (const [step, name, line] of [['Over', 'dim', 3], ['Over', '', 6], ['Over', '', 6], ['Into', '', 6],
-                                      ['Into', 'dim', 2], ['Over', 'dim', 3], ['Out', '', 6]]) {
+    for (const [step, place] of [['Over', 'dim:3'], ['Out', ':6'], ['Over', ':6'], ['Into', ':6'], ['Into', 'dim:2']]) {
       await client.send(`Debugger.step${step}`);
-      assert.equal(await client.paused(), `${name} ${file}:${line}`);
+      assert.equal(await client.paused(), place.replace(':', ` ${url}:`));
     }
     await client.resume();
     assert.deepEqual(await result, {...kFine, text: '114'});
@@ -141,15 +142,13 @@ const tests = {
     await host.run('house', 'var a = 1;\nvar b = a +\n', 'broken.js');
     await host.run('house', kLamps, 'new lamps.js');
     await host.run('house', 'var ä = "\u{1F4A1}";', 'größe.js');
-    const parsed = {};
-    for (const {method, params} of client.events) if (params.url) parsed[params.url] = [method, params];
-    for (const [url, kind, line, text] of [
-             ['before/old.js', 'scriptParsed', 1, 'function old() {}\n'], ['new lamps.js', 'scriptParsed', 7, kLamps],
-             ['broken.js', 'scriptFailedToParse', 2, 'var a = 1;\nvar b = a +\n'],
-             ['größe.js', 'scriptParsed', 0, 'var ä = "\u{1F4A1}";']]) {
-      const [method, {scriptId, startLine, endLine}] = parsed[url];
+    for (const [url, kind, text] of [
+             ['before/old.js', 'scriptParsed', 'function old() {}\n'], ['new lamps.js', 'scriptParsed', kLamps],
+             ['broken.js', 'scriptFailedToParse', 'var a = 1;\nvar b = a +\n'],
+             ['größe.js', 'scriptParsed', 'var ä = "\u{1F4A1}";']]) {
+      const {method, params: {scriptId, startLine}} = client.events.find(({params}) => params.url === url);
       const {scriptSource} = await client.send('Debugger.getScriptSource', {scriptId});
-      assert.deepEqual([method, startLine, endLine, scriptSource], [`Debugger.${kind}`, 0, line, text]);
+      assert.deepEqual([method, startLine, scriptSource], [`Debugger.${kind}`, 0, text]);
     }
   },
 
@@ -284,13 +283,14 @@ const tests = {
     const begin = Date.now();
     const late = {...kFine, text: 'Code took too long to return result', failed: true};
     assert.deepEqual(await host.run('paused', 'var ran = true'), late);
-    assert.ok(Date.now() - begin >= 9900 && Date.now() - begin < 15000, `${Date.now() - begin} ms`);
+    assert.ok(Date.now() - begin >= 9900 && Date.now() - begin < 30000, `${Date.now() - begin} ms`);
     await client.detach();
     assert.deepEqual(await host.run('paused', 'typeof ran'), {...kFine, text: '"undefined"'});
   },
 
   async ending(host) {
     const threads = async () => (await host.send('threads')).sort().join();
+    await until(async () => (await threads()).includes('V8 Default'), 'the engine\'s own thread');
     const before = await threads();
     const end = async (name, client) => {
       await host.send('destroy', name);
@@ -319,6 +319,58 @@ const tests = {
       await end('first', await Client.attach(host, 'first', 'Debugger', 'Runtime'));
       await until(async () => await threads() === before, 'no thread left');
       assert.deepEqual(await CDP.List({host: '127.0.0.1', port: await host.port}), []);
+    }
+  },
+
+  /// What clients have set going for ever ends with the environment, wherever it runs.
+  async endless(host) {
+    const loop = {expression: 'for (;;);', includeCommandLineAPI: true};
+    const start = {
+      idle: (client) => [1, 2].forEach(() => client.cdp.send('Runtime.evaluate', loop).catch(() => {})),
+      async busy(client) {
+        host.run('house', 'setTimeout(function () { for (var end = Date.now() + 200; Date.now() < end;); }, 1)');
+        await host.run('house', '1');
+        client.cdp.send('Runtime.evaluate', loop).catch(() => {});
+      },
+      async paused(client) {
+        await host.run('house', 'setTimeout(function () { debugger; }, 1)');
+        await client.paused();
+        const frame = {...loop, callFrameId: client.frame};
+        client.cdp.send('Debugger.evaluateOnCallFrame', frame).catch(() => {});
+      },
+    };
+    for (const [where, begin] of Object.entries(start)) {
+      await host.make('house', true);
+      const client = await Client.attach(host, 'house', 'Debugger');
+      await begin(client);
+      await new Promise((resolve) => setTimeout(resolve, 300));
+      // Asks on and on, also while the environment ends.
+      const asking = setInterval(() => client.cdp.send('Runtime.evaluate', {expression: '1'}).catch(() => {}), 1);
+      await host.send('destroy', 'house');
+      assert.deepEqual(await client.next('Inspector.detached'), {reason: 'target_closed'}, where);
+      clearInterval(asking);
+    }
+  },
+
+  /// What comes right after the end of a script was asked for is answered when it has ended.
+  async terminating(host) {
+    await host.make('house', true);
+    const client = await Client.attach(host, 'house', 'Debugger', 'Runtime');
+    const result = host.run('house', 'var n = 0; while (true) ++n;');
+    await until(() => client.evaluate('n > 1000'), 'the loop');
+    client.cdp.send('Runtime.terminateExecution');
+    const {result: {value}} = await client.send('Runtime.evaluate', {expression: '1 + 2', includeCommandLineAPI: true});
+    assert.equal(value, 3);
+    assert.equal((await result).text, 'Script execution was interrupted');
+  },
+
+  async sourceMaps(host) {
+    await host.make('house', true);
+    const client = await Client.attach(host, 'house', 'Debugger');
+    for (const map of ['data:application/json;base64,e30=', 'lamps.js.map', 'file:///srv/lamps.js.map']) {
+      await host.run('house', `1;\n//# sourceMappingURL=${map}\n`, '/srv/größe #1.js');
+      const {url, sourceMapURL} = await client.next('Debugger.scriptParsed');
+      assert.deepEqual([url, sourceMapURL], [pathToFileURL('/srv/größe #1.js').href, map]);
     }
   },
 
