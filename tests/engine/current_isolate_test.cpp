@@ -47,24 +47,16 @@ TEST_F(CurrentIsolateTest, ObjectsOfAnEndedEnvironmentAreHarmlessInTheNext) {
   v8::Global<v8::Value> old;
   {
     Automation first(dir().c_str());
-    const v8::Locker locker(isolate);
-    const v8::HandleScope scope(isolate);
-    const v8::Local<v8::Context> context = first.GetEnvironment()->GetContext();
-    const v8::Context::Scope contextScope(context);
-    const v8::Local<v8::String> code = v8::String::NewFromUtf8Literal(
-        isolate,
-        "var doc = new VXmlDocument('<r a=\"1\"><s>t</s></r>'); ({doc, node: doc.root, attributes: "
-        "doc.root.attributes, "
-        "dictionary: new NameValueDictionary({a: 1}), VXmlDocument, setTimeout})");
-    old.Reset(isolate, v8::Script::Compile(context, code).ToLocalChecked()->Run(context).ToLocalChecked());
+    const Inside inside(first.GetEnvironment());
+    old.Reset(isolate, inside.Eval(R"(
+      var doc = new VXmlDocument('<r a="1"><s>t</s></r>'), node = doc.root, {attributes} = node;
+      ({doc, node, attributes, dictionary: new NameValueDictionary({a: 1}), VXmlDocument, setTimeout}))"));
   }
   Automation next(dir().c_str());
   {
-    const v8::Locker locker(isolate);
-    const v8::HandleScope scope(isolate);
-    const v8::Local<v8::Context> context = next.GetEnvironment()->GetContext();
-    context->Global()
-        ->Set(context, v8::String::NewFromUtf8Literal(isolate, "old"), old.Get(isolate))
+    const Inside inside(next.GetEnvironment());
+    inside.context->Global()
+        ->Set(inside.context, v8::String::NewFromUtf8Literal(isolate, "old"), old.Get(isolate))
         .FromMaybe(false);
   }
   EXPECT_EQ(next.Run(R"(

@@ -15,16 +15,11 @@ class EnvironmentTest : public ScriptTest {
  protected:
   /// A script value, taken under the isolate's lock and held by whoever takes the pointer.
   VRefCountedPointer<SafeValue> Value(const char* code) {
-    v8::Isolate* const isolate = environment()->GetIsolate();
-    const v8::Locker locker(isolate);
-    const v8::Isolate::Scope isolateScope(isolate);
-    const v8::HandleScope scope(isolate);
-    const v8::Local<v8::Context> context = environment()->GetContext();
-    const v8::Context::Scope contextScope(context);
-    const v8::Local<v8::String> text = v8::String::NewFromUtf8(isolate, code).ToLocalChecked();
-    return SafeValue::New(isolate,
-                          v8::Script::Compile(context, text).ToLocalChecked()->Run(context).ToLocalChecked());
+    const Inside inside(environment());
+    return SafeValue::New(inside.isolate, inside.Eval(code));
   }
+
+  void Push(const char* code);
 };
 
 /// Calls its function, and counts how many of its kind are alive.
@@ -43,6 +38,10 @@ class CountedCallback : public CallbackBase {
   static std::atomic<int> alive;
 };
 std::atomic<int> CountedCallback::alive{0};
+
+void EnvironmentTest::Push(const char* code) {
+  environment()->PushCallback(new CountedCallback(environment(), Value(code)));
+}
 
 TEST_F(EnvironmentTest, StorageDirEndsInOneSlash) {
   EXPECT_EQ(automation->StorageDir(), dir());
@@ -67,13 +66,10 @@ TEST_F(EnvironmentTest, OwnsItsLogger) {
 
 TEST_F(EnvironmentTest, CallbacksRunInOrderAndLaterOnesWait) {
   Run("var order = ''");
-  const auto push = [&](const char* code) {
-    environment()->PushCallback(new CountedCallback(environment(), Value(code)));
-  };
-  push(
+  Push(
       "(function () { order += 'a'; setTimeout(function () { order += 'd'; }, 0); throw new Error('cb'); })");
-  push("(function () { order += 'b'; throw 'text'; })");
-  push("(function () { order += 'c'; })");
+  Push("(function () { order += 'b'; throw 'text'; })");
+  Push("(function () { order += 'c'; })");
   EXPECT_TRUE(automation->HasPendingWork());
   EXPECT_TRUE(automation->ProcessPendingCallbacks());
   EXPECT_EQ(Run("order"), "\"abc\"");
@@ -99,9 +95,7 @@ TEST_F(EnvironmentTest, ScriptsOfOtherThreadsRunWhileAScriptPumps) {
   std::vector<std::thread> others;
   for (int i = 0; i < 3; ++i) {
     others.emplace_back([&] {
-      while (!stop)
-        environment()->GetIsolate(),
-            automation->Run("counter++; (function f(n) { return n && f(n - 1); })(50)", "");
+      while (!stop) automation->Run("counter++; (function f(n) { return n && f(n - 1); })(50)", "");
     });
   }
   Run("var counter = 0; var pumped = 0");
@@ -112,10 +106,9 @@ TEST_F(EnvironmentTest, ScriptsOfOtherThreadsRunWhileAScriptPumps) {
 }
 
 TEST_F(EnvironmentTest, PendingCallbacksAreDroppedAtTheEnd) {
-  const VRefCountedPointer<SafeValue> function = Value("(function () { ran = true; })");
-  environment()->PushCallback(new CountedCallback(environment(), function));
+  Push("(function () {})");
   Run("exit()");
-  environment()->PushCallback(new CountedCallback(environment(), function));
+  Push("(function () {})");
   EXPECT_EQ(CountedCallback::alive, 1) << "refused and dropped";
   EXPECT_FALSE(automation->ProcessPendingCallbacks());
   automation.reset();
@@ -156,14 +149,9 @@ TEST_F(EnvironmentTest, TheWorkerRunsCodeAndCallbacks) {
   EXPECT_EQ(Run("var n = 0; setInterval(function () { n++; }, 5); executeJS('1+1')"), "\"2\"");
   EXPECT_TRUE(WaitUntil([&] { return Run("n > 3") == "true"; }));
   EXPECT_EQ(Fail("throw new Error('x')"), "Uncaught Error: x");
-  std::vector<std::thread> callers;
   std::atomic<int> sum{0};
-  for (int i = 1; i <= 8; ++i) {
-    callers.emplace_back(
-        [&, i] { sum += std::stoi(automation->Run(std::to_string(i).c_str(), "").result()); });
-  }
-  for (std::thread& caller : callers) caller.join();
-  EXPECT_EQ(sum, 36);
+  AtOnce(8, [&](int i) { sum += std::stoi(automation->Run(std::to_string(i).c_str(), "").result()); });
+  EXPECT_EQ(sum, 28);
   automation->StopThread();
   EXPECT_FALSE(automation->IsThreaded());
   EXPECT_TRUE(automation->IsTerminating());
@@ -191,7 +179,7 @@ TEST_F(EnvironmentTest, EndsWhileTheWorkerRunsAndCallersWait) {
     });
   }
   usleep(50000);
-  environment()->PushCallback(new CountedCallback(environment(), Value("(function () {})")));
+  Push("(function () {})");
   const auto begin = std::chrono::steady_clock::now();
   automation.reset();
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
@@ -213,7 +201,6 @@ TEST_F(EnvironmentTest, EndsWhileNamedThreadsRunScriptsAgainAndAgain) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
 }
 
-/// A host function of a script: stops and starts the worker that it runs on.
 TEST_F(EnvironmentTest, AScriptMayStopAndStartItsOwnWorker) {
   struct Restart : CallbackBase {
     explicit Restart(Automation* automation)
@@ -238,20 +225,14 @@ TEST_F(EnvironmentTest, ManyOneAfterTheOtherAndTwentyTogether) {
     if (i % 50 == 1) one.StartThread();
     ASSERT_EQ(one.Run("1+1", "").result(), "2");
   }
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 20; ++i) {
-    threads.emplace_back([&, i] {
-      Automation one(dir().c_str());
-      one.SetLogger(NewLogger("many" + std::to_string(i)));
-      if (i % 2) one.StartThread();
-      EXPECT_EQ(one.Run("var a = []; for (var k = 0; k < 1e5; k++) a.push({k}); setTimeout(function () {}, "
-                        "1); a.length",
-                        "")
-                    .result(),
-                "100000");
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  AtOnce(20, [&](int i) {
+    Automation one(dir().c_str());
+    one.SetLogger(NewLogger("many" + std::to_string(i)));
+    if (i % 2) one.StartThread();
+    const char* const code =
+        "setTimeout(function () {}, 1); for (var a = []; a.length < 1e5;) a.push({}); a.length";
+    EXPECT_EQ(one.Run(code, "").result(), "100000");
+  });
 }
 
 TEST_F(EnvironmentTest, BuffersAreZeroAndTooLargeOnesAreRangeErrors) {

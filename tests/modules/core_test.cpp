@@ -4,6 +4,7 @@
 namespace vnjs::testing {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -29,38 +30,32 @@ TEST_F(CoreTest, DebugPrint) {
 }
 
 TEST_F(CoreTest, ExecuteJS) {
-  RunAll({
-      {"executeJS()", "undefined"},
-      {"executeJS('')", "undefined"},
-      {"executeJS(null)", "undefined"},
-      {"executeJS('1+1')", "\"2\""},
-      {"executeJS('\\'a\\'')", R"("\"a\"")"},
-      {"executeJS('undefined')", "\"undefined\""},
-      {"executeJS('var inner = 7'); inner", "7"},
-      {"try { executeJS('throw new TypeError(\\'x\\')', 't') } catch (e) { [e.constructor === Error, "
-       "e.message] }",
-       R"([true,"Uncaught TypeError: x"])"},
-      {"try { executeJS('var #', 't') } catch (e) { e.message }",
-       "\"JavaScript compilation error: Uncaught SyntaxError: Invalid or unexpected token\""},
-      {"executeJS({toString() { return '2+3'; }})", "\"5\""},
-      {"try { executeJS('executeJS(\\'throw 1\\')') } catch (e) { e.message }",
-       "\"Uncaught Error: Uncaught 1\""},
-  });
+  RunTable(R"js(
+    [executeJS(), executeJS(''), executeJS(null)]  ==> [null,null,null]
+    executeJS('\'a\'')                             ==> "\"a\""
+    executeJS('undefined')                         ==> "undefined"
+    executeJS('var inner = 7'); inner              ==> 7
+    executeJS({toString() { return '2+3'; }})      ==> "5"
+    executeJS('throw new TypeError(1)', 'mine.js') ==> Uncaught Error: Uncaught TypeError: 1
+    executeJS('var #')
+        ==> Uncaught Error: JavaScript compilation error: Uncaught SyntaxError: Invalid or unexpected token
+    executeJS('executeJS(\'throw 1\')')            ==> Uncaught Error: Uncaught Error: Uncaught 1
+  )js");
+  EXPECT_THAT(LogLines(3), Contains(HasSubstr("TypeError: 1\n    at mine.js:1:7")));
 }
 
 TEST_F(CoreTest, ExecuteFile) {
   folder.Write("inner.js", "var fromFile = 3; [fromFile]");
   folder.Write("bad.js", "\n throw new Error('bad')");
-  RunAll({
-      {"executeFile()", "undefined"},
-      {"executeFile('')", "undefined"},
-      {"executeFile('inner.js') + fromFile", "\"[3]3\""},
-      {"executeFile('storage')", "\"undefined\""},
-      {"try { executeFile('bad.js') } catch (e) { e.message }", "\"Uncaught Error: bad\""},
-  });
-  EXPECT_EQ(Run("try { executeFile('none.js') } catch (e) { e.message }"),
-            "\"Failed to open file: " + dir() + "none.js No such file or directory\"");
-  EXPECT_THAT(LogLines(3), ElementsAre(HasSubstr("at " + dir() + "bad.js:2:8")));
+  RunTable(R"js(
+    [executeFile(), executeFile('')]               ==> [null,null]
+    executeFile('inner.js') + fromFile             ==> "[3]3"
+    executeFile('storage')                         ==> "undefined"
+    executeFile('bad.js')                          ==> Uncaught Error: Uncaught Error: bad
+  )js");
+  EXPECT_EQ(Fail("executeFile('none.js')"),
+            "Uncaught Error: Failed to open file: " + dir() + "none.js No such file or directory");
+  EXPECT_THAT(LogLines(3), Contains(HasSubstr("at " + dir() + "bad.js:2:8")));
 }
 
 TEST_F(CoreTest, VersionRecord) {
@@ -72,16 +67,12 @@ TEST_F(CoreTest, VersionRecord) {
 }
 
 TEST_F(CoreTest, EvalPath) {
-  Run("var a = {b: {c: 5, zero: 0}}");
-  RunAll({
-      {"evalPath('') === this", "true"},
-      {"evalPath('Math.PI') === Math.PI", "true"},
-      {"evalPath('a.b.c')", "5"},
-      {"evalPath('.a..b.c.')", "5"},
-      {"evalPath('a.b.zero.x')", "0"},
-      {"evalPath('none.x')", "undefined"},
-      {"evalPath('a.b.c.x')", "undefined"},
-  });
+  RunTable(R"js(
+    var a = {b: {c: 5, zero: 0}};                  ==> undefined
+    evalPath('') === this                          ==> true
+    evalPath('Math.PI') === Math.PI                ==> true
+    ['a.b.c', '.a..b.c.', 'a.b.zero.x', 'none.x', 'a.b.c.x'].map(evalPath) ==> [5,5,0,null,null]
+  )js");
 }
 
 TEST_F(CoreTest, AScriptGoesOnAfterExit) {
