@@ -17,12 +17,11 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/support.h"
+
 namespace {
 
-[[noreturn]] void Break(const std::string& what) {
-  fprintf(stderr, "BROKEN: %s\n", what.c_str());
-  abort();
-}
+using vnjs::fuzz::Break;
 
 /// A file under a name that documents can give, so that it is seen when anybody opens it.
 class ForbiddenFile {
@@ -173,19 +172,8 @@ class Fuzzer {
 
 }  // namespace
 
-extern "C" {
-
-/// Freed memory is overwritten, so that the libraries that are not compiled with the sanitizer stumble over it, too.
-/// Of the stacks of allocations, each of which is kept for good, it takes only what is above the script.
-const char* __asan_default_options() {
-  return "allocator_may_return_null=1:detect_stack_use_after_return=1:strict_string_checks=1:"
-         "max_free_fill_size=65536:free_fill_byte=221:malloc_context_size=8";
-}
-
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Fuzzer fuzzer;
   fuzzer.Run({reinterpret_cast<const char*>(data), size});
   return 0;
 }
-
-}  // extern "C"

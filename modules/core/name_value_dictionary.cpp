@@ -33,9 +33,9 @@ void Fold(v8::Isolate* isolate, v8::Local<v8::String> name, std::string& text) {
   }
 }
 
-/// The first of the dictionary's enumerable names that differs from `name` by case only, or an empty handle.
+/// The first of the dictionary's enumerable names that is `wanted` when folded, or an empty handle.
 v8::MaybeLocal<v8::String> Search(v8::Local<v8::Context> context, v8::Local<v8::Object> dictionary,
-                                  v8::Local<v8::String> name) {
+                                  const std::string& wanted) {
   v8::Isolate* const isolate = context->GetIsolate();
   v8::Local<v8::Array> names;
   if (!dictionary
@@ -45,9 +45,7 @@ v8::MaybeLocal<v8::String> Search(v8::Local<v8::Context> context, v8::Local<v8::
            .ToLocal(&names)) {
     return {};
   }
-  std::string wanted;
   std::string text;
-  Fold(isolate, name, wanted);
   for (uint32_t i = 0; i < names->Length(); ++i) {
     v8::Local<v8::Value> candidate;
     if (!names->Get(context, i).ToLocal(&candidate)) return {};
@@ -92,9 +90,15 @@ v8::MaybeLocal<v8::String> FindSpelling(v8::Local<v8::Context> context, v8::Loca
                                         v8::Local<v8::String> name) {
   v8::Local<v8::Value> known;
   if (Recall(context, dictionary, name).ToLocal(&known)) return known.As<v8::String>();
+  v8::Isolate* const isolate = context->GetIsolate();
   try {
+    std::string wanted;
+    Fold(isolate, name, wanted);
     v8::Local<v8::String> found;
-    if (Search(context, dictionary, name).ToLocal(&found)) Remember(context, dictionary, name, found);
+    if (!Search(context, dictionary, wanted).ToLocal(&found)) return {};
+    // A name that ends at a zero may stand for an index, and those come and go without our knowledge.
+    if (wanted.size() == static_cast<size_t>(name->Utf8Length(isolate)))
+      Remember(context, dictionary, name, found);
     return found;
   } catch (const std::bad_alloc&) {
     // Nothing of ours may be thrown through the engine; and a name of hundreds of megabytes is no entry's.
