@@ -116,8 +116,10 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
   if (m_debugTarget != nullptr) m_debugTarget->OnScriptStart();
   v8::Local<v8::Value> value;
   const bool ended = RunWithMicrotasks([&] { return script->Run(context).ToLocal(&value); });
-  // A termination can also have ended the microtasks alone, after the script itself returned.
-  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) return ExecuteStopped();
+  // The script itself may have returned in time, and what was ended be its microtasks alone.
+  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating() || m_guard->IsStopping()) {
+    return ExecuteStopped();
+  }
   // A debugger can have taken the termination back that it had asked for.
   if (!ended && caught.Message().IsEmpty()) return ExecuteStopped();
   if (!ended) {

@@ -167,7 +167,7 @@ bool EnvironmentImpl::CallPending(CallbackBase* callback) {
   } catch (const std::exception& e) {
     failure = e.what();
   }
-  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating()) {
+  if (caught.HasTerminated() || m_isolate->IsExecutionTerminating() || m_guard->IsStopping()) {
     m_isolate->CancelTerminateExecution();
     Log(3, "Callback execution error: " + StoppedText(m_guard->Stopped()), nullptr);
     return true;

@@ -36,9 +36,10 @@ NodeBuilder::NodeBuilder(Xml::XmlEnv* env, Tree* tree)
       m_tree(tree),
       m_memory(GetMemoryBudget(GetEnvironment(m_isolate))) {}
 
-void NodeBuilder::Spend(size_t text) {
-  m_bytes += sizeof(xmlNode) + text;
-  if (++m_entries > kMostEntries || !m_memory->Fits(m_bytes)) throw VornException("XML is too large");
+void NodeBuilder::Spend(size_t bytes) {
+  m_bytes += bytes;
+  if (++m_entries > kMostEntries) throw VornException("XML is too large");
+  if (!m_memory->Fits(m_bytes)) RequireMemory(GetEnvironment(m_isolate), m_bytes);
 }
 
 bool NodeBuilder::Read(v8::Local<v8::Object> object, Xml::XmlEnv::Key key, v8::Local<v8::Value>* value) {
@@ -55,7 +56,7 @@ bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* resu
   const std::string name = GetString(part);
   if (!IsXmlName(name)) return true;
   if (depth > kDeepest) throw VornException("XML is nested too deeply");
-  Spend(name.size());
+  Spend(sizeof(xmlNode) + name.size());
   // Not of the document before it is in its tree: queries would find its attributes by their ID.
   NodePointer element(xmlNewNode(nullptr, ToXml(name.c_str())));
   if (element == nullptr) throw std::bad_alloc();
@@ -69,7 +70,7 @@ bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* resu
   if (IsText(part)) {
     std::string text;
     if (!ReadText(m_isolate, part, &text)) return false;
-    Spend(text.size());
+    Spend(sizeof(xmlNode) + text.size());
     if (!text.empty()) AddText(element.get(), text);
   }
   *result = std::move(element);
@@ -93,7 +94,7 @@ bool NodeBuilder::AddAttributes(v8::Local<v8::Object> attributes, xmlNode* eleme
     const std::string key = GetString(name);
     if (!IsXmlName(key)) continue;
     if (++count > kMostAttributes) throw VornException("Too many XML attributes");
-    Spend(key.size() + text.size());
+    Spend(sizeof(xmlAttr) + sizeof(xmlNode) + key.size() + text.size());
     m_tree->NoteName(key);
     AddAttribute(element, key, text);
   }

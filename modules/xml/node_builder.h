@@ -27,8 +27,8 @@ class NodeBuilder {
   bool Build(v8::Local<v8::Value> value, int depth, NodePointer* result);
 
  private:
-  /// Counts an entry and the text that it takes.
-  void Spend(size_t text);
+  /// Counts an entry and the memory that it takes.
+  void Spend(size_t bytes);
   bool Read(v8::Local<v8::Object> object, Xml::XmlEnv::Key key, v8::Local<v8::Value>* value);
   bool AddAttributes(v8::Local<v8::Object> attributes, xmlNode* element);
   bool AddChildren(v8::Local<v8::Array> children, int depth, xmlNode* element);
