@@ -23,9 +23,9 @@ VRefCountedPointer<SafeValue> SafeValue::New(v8::Isolate* isolate, v8::Local<v8:
 }
 
 SafeValue::SafeValue(v8::Isolate* isolate, v8::Local<v8::Value> value)
-    : m_isolate(isolate),
-      m_dropped(DroppedHandlesOf(isolate)),
-      m_value(std::make_unique<v8::Global<v8::Value>>(isolate, value)) {}
+    : m_isolate(isolate), m_dropped(DroppedHandlesOf(isolate)) {
+  m_value.emplace_front(isolate, value);
+}
 
 SafeValue::~SafeValue() {
   if (m_dropped) m_dropped->Drop(std::move(m_value));
@@ -33,7 +33,7 @@ SafeValue::~SafeValue() {
 
 v8::Local<v8::Value> SafeValue::GetValue() {
   if (m_dropped && m_dropped->IsClosed()) return {};
-  return m_value->Get(m_isolate);
+  return m_value.front().Get(m_isolate);
 }
 
 CallbackBase::CallbackBase(Environment* env, VRefCountedPointer<SafeValue> callback)

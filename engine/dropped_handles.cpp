@@ -7,19 +7,19 @@ namespace vnjs {
 void DroppedHandles::Drop(Handle handle) {
   const std::lock_guard<std::mutex> handlesLock(m_handlesMutex);
   if (m_closed) {
-    handle->Empty();
+    handle.front().Empty();
   } else if (v8::Locker::IsLocked(m_isolate)) {
-    handle->Reset();
+    handle.front().Reset();
   } else {
-    // The pointer moves, the handle stays in its place: moving it would touch the engine's tables.
-    m_handles.push_back(std::move(handle));
+    // The list takes it over, the handle stays in its place: moving it would touch the engine's tables.
+    m_handles.splice_after(m_handles.before_begin(), handle);
     m_waiting = true;
   }
 }
 
 void DroppedHandles::Reset() {
   if (!m_waiting) return;
-  std::vector<Handle> handles;
+  Handle handles;
   {
     const std::lock_guard<std::mutex> handlesLock(m_handlesMutex);
     handles.swap(m_handles);

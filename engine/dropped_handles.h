@@ -3,9 +3,8 @@
 #include <v8.h>
 
 #include <atomic>
-#include <memory>
+#include <forward_list>
 #include <mutex>
-#include <vector>
 
 namespace vnjs {
 
@@ -16,10 +15,11 @@ namespace vnjs {
 /// Ending:   once Close was called, a dropped handle is forgotten untouched: its isolate may be gone.
 class DroppedHandles {
  public:
-  using Handle = std::unique_ptr<v8::Global<v8::Value>>;
+  using Handle = std::forward_list<v8::Global<v8::Value>>;
 
   explicit DroppedHandles(v8::Isolate* isolate) : m_isolate(isolate) {}
 
+  /// Of one handle, without allocating anything: a destructor cannot fail.
   void Drop(Handle handle);
 
   /// Lets go of all that was dropped.
@@ -33,7 +33,7 @@ class DroppedHandles {
   std::atomic<bool> m_waiting{false};
 
   std::mutex m_handlesMutex;
-  std::vector<Handle> m_handles;
+  Handle m_handles;
 };
 
 }  // namespace vnjs

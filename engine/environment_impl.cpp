@@ -37,6 +37,13 @@ v8::Isolate* NewIsolate(const std::shared_ptr<MemoryBudget>& budget) {
   return v8::Isolate::New(params);
 }
 
+struct DisposeIsolate {
+  void operator()(v8::Isolate* isolate) const {
+    if (OwnsEnginePlatform()) v8::platform::NotifyIsolateShutdown(EnginePlatform(), isolate);
+    isolate->Dispose();
+  }
+};
+
 }  // namespace
 
 EnvironmentImpl::EnvironmentImpl(const char* storageDir, bool useCurrentIsolate)
@@ -44,7 +51,16 @@ EnvironmentImpl::EnvironmentImpl(const char* storageDir, bool useCurrentIsolate)
   if (m_storageDir.empty() || m_storageDir.back() != '/') m_storageDir += '/';
   StartEngine();
   CreateIsolate(useCurrentIsolate);
-  CreateContext();
+  bool created = false;
+  try {
+    created = CreateContext();
+  } catch (const std::bad_alloc&) {
+    // The same as without it.
+  }
+  if (created) return;
+  // The sources that ran may have started threads and made a logger.
+  End();
+  throw VornException("Cannot create script context");
 }
 
 void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate) {
@@ -52,40 +68,37 @@ void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate) {
   // An isolate has room for one environment.
   m_useCurrentIsolate = current != nullptr && GetEnvironment(current) == nullptr;
   m_memory = std::make_shared<MemoryBudget>(bufferLimit);
+  std::unique_ptr<v8::Isolate, DisposeIsolate> made;
   if (!m_useCurrentIsolate) {
-    m_isolate = NewIsolate(m_memory);
+    made.reset(NewIsolate(m_memory));
+    m_isolate = made.get();
   } else {
     m_isolate = current;
     if (current == providedIsolate) m_memory = ProvidedBudget();
   }
   m_droppedHandles = std::make_shared<DroppedHandles>(m_isolate);
+  m_guard = std::make_unique<RunGuard>(m_isolate);
+  static_cast<void>(made.release());
   m_isolate->SetData(0, static_cast<Environment*>(this));
 }
 
-void EnvironmentImpl::CreateContext() {
-  bool created = false;
-  {
-    const ScriptScope scope(m_isolate, m_context);
-    m_isolate->SetPromiseRejectCallback(Rejections::OnReject);
-    m_guard = std::make_unique<RunGuard>(m_isolate);
-    // The extensions' sources run here, and their natives with them: until it returns there is no m_context.
-    const v8::Local<v8::Context> context = v8::Context::New(m_isolate);
-    if (!context.IsEmpty()) {
-      const v8::Context::Scope contextScope(context);
-      m_context.Reset(m_isolate, context);
-      m_json.Prepare(context);
-      // Where evalPath starts.
-      created =
-          context->Global()
-              ->DefineOwnProperty(context, NewName(m_isolate, "global"), context->Global(), v8::DontEnum)
-              .FromMaybe(false);
-      if (created) StartDebugTarget();
-    }
+bool EnvironmentImpl::CreateContext() {
+  const ScriptScope scope(m_isolate, m_context);
+  m_isolate->SetPromiseRejectCallback(Rejections::OnReject);
+  // The extensions' sources run here, and their natives with them: until it returns there is no m_context.
+  const v8::Local<v8::Context> context = v8::Context::New(m_isolate);
+  if (context.IsEmpty() || m_incomplete) return false;
+  const v8::Context::Scope contextScope(context);
+  m_context.Reset(m_isolate, context);
+  m_json.Prepare(context);
+  // Where evalPath starts.
+  if (!context->Global()
+           ->DefineOwnProperty(context, NewName(m_isolate, "global"), context->Global(), v8::DontEnum)
+           .FromMaybe(false)) {
+    return false;
   }
-  if (created) return;
-  // The sources that ran may have started threads and made a logger.
-  End();
-  throw VornException("Cannot create script context");
+  StartDebugTarget();
+  return true;
 }
 
 void EnvironmentImpl::StartDebugTarget() {
@@ -195,10 +208,7 @@ void EnvironmentImpl::ReleaseScriptState() {
     // SafeValues that somebody still holds do nothing from now on.
     m_droppedHandles->Close();
   }
-  if (!m_useCurrentIsolate) {
-    if (OwnsEnginePlatform()) v8::platform::NotifyIsolateShutdown(EnginePlatform(), m_isolate);
-    m_isolate->Dispose();
-  }
+  if (!m_useCurrentIsolate) DisposeIsolate()(m_isolate);
   m_isolate = nullptr;
 }
 
@@ -295,9 +305,15 @@ VRefCountedPointer<Thread> EnvironmentImpl::CreateThread(std::string name, Threa
   if (m_terminating) return {};
   const auto found = m_threads.find(name);
   if (found != m_threads.end()) return found->second;
-  VRefCountedPointer<Thread> thread(new Thread(this, name, func, data));
-  m_threads[name] = thread;
-  return thread;
+  // Its place comes first: nobody would end a thread that is not in the table.
+  const auto made = m_threads.emplace(name, nullptr).first;
+  try {
+    made->second = new Thread(this, name, func, data);
+  } catch (...) {
+    m_threads.erase(made);
+    throw;
+  }
+  return made->second;
 }
 
 VRefCountedPointer<Thread> EnvironmentImpl::GetThread(std::string name) {

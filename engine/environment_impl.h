@@ -3,12 +3,14 @@
 #include <pthread.h>
 #include <v8.h>
 #include <vnjs/environment.h>
+#include <vnjs/error.h>
 #include <vnjs/lock.h>
 
 #include <atomic>
 #include <chrono>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -83,6 +85,9 @@ class EnvironmentImpl final : public Environment {
   void Interrupt();
   static void SetLimits(size_t heapBytes, size_t bufferBytes);
 
+  /// A native of an extension could not be made. Ends an environment that is being created.
+  void SetIncomplete() { m_incomplete = true; }
+
   /// A named thread was joined or detached.
   void DeleteThreadRef(const std::string& name);
   bool HasPendingWork();
@@ -109,11 +114,14 @@ class EnvironmentImpl final : public Environment {
   /// Counts a thread that is inside a call, so that the destructor can wait for it.
   class Caller;
 
+  /// Code that a caller has queued for the worker.
+  class Request;
+
   /// The isolate, entered by this thread, with the number of entries below.
   class Entry;
 
   void CreateIsolate(bool useCurrentIsolate);
-  void CreateContext();
+  bool CreateContext();
   void StartDebugTarget();
   void End();
   void ReleaseScriptState();
@@ -147,6 +155,7 @@ class EnvironmentImpl final : public Environment {
 
   std::string m_storageDir;
   bool m_useCurrentIsolate = false;
+  bool m_incomplete = false;
   v8::Isolate* m_isolate = nullptr;
   std::shared_ptr<DroppedHandles> m_droppedHandles;
   std::shared_ptr<MemoryBudget> m_memory;
@@ -169,6 +178,8 @@ class EnvironmentImpl final : public Environment {
   uint32_t m_lastCodeId = 0;
   std::map<uint32_t, PendingCode> m_pendingCode;
   std::map<uint32_t, RunResult> m_results;
+
+  /// True until the result is there.
   std::map<uint32_t, bool> m_waiting;
   _VNLog* m_logger = nullptr;
 
@@ -215,14 +226,20 @@ class EnvironmentImpl::Entry {
   /// No script is running below this entry.
   bool IsOutermost() const { return m_env->m_entries == 1; }
 
-  /// Around each outermost run and callback. At its end, what the script has left behind is reported and let go.
+  /// Around each outermost run and callback. At its end, what the script has left behind is reported, as far as
+  /// there is memory for it, and let go.
   void Begin() {
     if (IsOnly()) m_env->m_guard->Begin();
   }
   void Settle() {
     if (!IsOnly()) return;
     m_env->m_guard->Settle();
-    m_env->m_rejections.Report(m_env);
+    try {
+      m_env->m_rejections.Report(m_env);
+    } catch (const std::bad_alloc&) {
+      // Fits into the string itself.
+      m_env->Log(3, GetVornError(-2), nullptr);
+    }
     m_env->m_droppedHandles->Reset();
     m_env->m_guard->End();
   }

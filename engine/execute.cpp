@@ -48,32 +48,52 @@ RunResult EnvironmentImpl::RunFile(const char* path) {
   return Run(text.c_str(), path);
 }
 
-RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
-  uint32_t id = 0;
-  {
-    const QueueLock queueLock(this);
-    id = ++m_lastCodeId;
-    m_results.erase(id);
-    m_pendingCode[id] = PendingCode(code, source);
-    m_waiting[id] = true;
+class EnvironmentImpl::Request {
+ public:
+  explicit Request(EnvironmentImpl* env) : m_env(env) {
+    const QueueLock queueLock(env);
+    m_id = ++env->m_lastCodeId;
   }
+  /// Code that the worker has not taken by now is never run; a result that comes later is dropped.
+  ~Request() {
+    const QueueLock queueLock(m_env);
+    m_env->m_waiting.erase(m_id);
+    m_env->m_results.erase(m_id);
+    m_env->m_pendingCode.erase(m_id);
+  }
+  Request(const Request&) = delete;
+  Request& operator=(const Request&) = delete;
+
+  /// The places for the result come first: the worker has nobody to tell that there is no memory.
+  void Queue(PendingCode code) {
+    const QueueLock queueLock(m_env);
+    m_env->m_waiting[m_id] = true;
+    m_env->m_results[m_id] = RunResult();
+    m_env->m_pendingCode[m_id] = std::move(code);
+  }
+
+  bool TakeResult(RunResult* result) {
+    const QueueLock queueLock(m_env);
+    if (m_env->m_waiting[m_id]) return false;
+    *result = std::move(m_env->m_results[m_id]);
+    return true;
+  }
+
+ private:
+  EnvironmentImpl* const m_env;
+  uint32_t m_id = 0;
+};
+
+RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
+  Request request(this);
+  request.Queue(PendingCode(code, source));
 
   RunResult result("Code took too long to return result", true);
   bool found = false;
   for (int polls = 0; polls < 100 && !found && !m_ending; ++polls) {
     usleep(100000);
-    const QueueLock queueLock(this);
-    const auto entry = m_results.find(id);
-    if (entry == m_results.end()) continue;
-    result = std::move(entry->second);
-    found = true;
+    found = request.TakeResult(&result);
   }
-
-  // Code that the worker has not taken by now is never run; a result that comes later is dropped.
-  const QueueLock queueLock(this);
-  m_waiting.erase(id);
-  m_results.erase(id);
-  m_pendingCode.erase(id);
   return result;
 }
 

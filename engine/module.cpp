@@ -1,6 +1,7 @@
 #include <vnjs/module.h>
 
 #include "bridge/native.h"
+#include "engine/environment_impl.h"
 
 namespace vnjs {
 
@@ -15,7 +16,12 @@ v8::Local<v8::FunctionTemplate> Module::GetNativeFunctionTemplate(v8::Isolate* i
                                                                   v8::Local<v8::String> name) {
   v8::Local<v8::FunctionTemplate> result;
   if (Environment* const environment = GetEnvironment(isolate)) {
-    result = GetFunction(environment, isolate, GetString(name));
+    try {
+      result = GetFunction(environment, isolate, GetString(name));
+    } catch (...) {
+      // The engine's frames cannot be unwound.
+      static_cast<EnvironmentImpl*>(environment)->SetIncomplete();
+    }
   }
   if (result.IsEmpty()) {
     // With a callback that does nothing; without one, calls would return their receiver.

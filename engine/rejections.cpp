@@ -1,6 +1,7 @@
 #include "engine/rejections.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -31,10 +32,14 @@ std::string Describe(v8::Local<v8::Context> context, v8::Local<v8::Value> reason
 void Rejections::OnReject(v8::PromiseRejectMessage message) {
   if (message.GetEvent() != v8::kPromiseRejectWithNoHandler) return;
   v8::Isolate* const isolate = message.GetPromise()->GetIsolate();
-  if (Environment* const environment = GetEnvironment(isolate)) {
-    static_cast<EnvironmentImpl*>(environment)
-        ->GetRejections()
-        .Add(isolate, message.GetPromise(), message.GetValue());
+  Environment* const environment = GetEnvironment(isolate);
+  if (environment == nullptr) return;
+  Rejections& rejections = static_cast<EnvironmentImpl*>(environment)->GetRejections();
+  try {
+    rejections.Add(isolate, message.GetPromise(), message.GetValue());
+  } catch (const std::bad_alloc&) {
+    // The engine's frames cannot be unwound.
+    ++rejections.m_lost;
   }
 }
 
@@ -58,10 +63,11 @@ void Rejections::ForgetHandled() {
 }
 
 void Rejections::Report(Environment* environment) {
-  if (m_entries.empty()) return;
+  if (m_entries.empty() && m_lost == 0) return;
   ForgetHandled();
   // Moved out, because describing them can run script code that rejects further ones.
   const std::vector<Entry> entries = std::exchange(m_entries, {});
+  const size_t lost = std::exchange(m_lost, 0);
   m_sweepAt = 64;
 
   v8::Isolate* const isolate = environment->GetIsolate();
@@ -71,9 +77,9 @@ void Rejections::Report(Environment* environment) {
     environment->Log(3, "Unhandled promise rejection: " + Describe(context, entries[i].reason.Get(isolate)),
                      nullptr);
   }
-  if (entries.size() > kMostLines) {
-    environment->Log(3, std::to_string(entries.size() - kMostLines) + " more unhandled promise rejections",
-                     nullptr);
+  const size_t more = lost + entries.size() - std::min(entries.size(), kMostLines);
+  if (more > 0) {
+    environment->Log(3, std::to_string(more) + " more unhandled promise rejections", nullptr);
   }
 }
 

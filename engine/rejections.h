@@ -33,6 +33,9 @@ class Rejections {
 
   std::vector<Entry> m_entries;
   size_t m_sweepAt = 64;
+
+  /// There was no memory to remember them.
+  size_t m_lost = 0;
 };
 
 }  // namespace vnjs

@@ -1,5 +1,7 @@
 #include "engine/run_guard.h"
 
+#include <new>
+
 #include "bridge/native.h"
 #include "engine/environment_impl.h"
 #include "engine/failure.h"
@@ -126,7 +128,11 @@ void RunGuard::OnInterrupt(v8::Isolate* isolate, void*) {
   auto* const environment = static_cast<EnvironmentImpl*>(GetEnvironment(isolate));
   if (environment == nullptr || !environment->GetRunGuard().IsStopping()) return;
   RunGuard& guard = environment->GetRunGuard();
-  if (guard.m_place.line == 0) guard.m_place = CurrentPlace(isolate);
+  try {
+    if (guard.m_place.line == 0) guard.m_place = CurrentPlace(isolate);
+  } catch (const std::bad_alloc&) {
+    // Without its place.
+  }
   isolate->TerminateExecution();
 }
 

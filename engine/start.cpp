@@ -33,7 +33,6 @@ Engine Start() {
     v8::V8::InitializePlatform(engine.platform);
     v8::V8::Initialize();
   }
-  RegisterExtensions();
   return engine;
 }
 
@@ -44,7 +43,11 @@ const Engine& TheEngine() {
 
 }  // namespace
 
-void StartEngine() { TheEngine(); }
+void StartEngine() {
+  TheEngine();
+  // Again for each environment, because it may have failed for want of memory.
+  RegisterExtensions();
+}
 
 v8::Platform* EnginePlatform() { return TheEngine().platform; }
 

@@ -2,6 +2,7 @@
 #include <unistd.h>
 #include <vnjs/error.h>
 
+#include <new>
 #include <utility>
 
 #include "engine/environment_impl.h"
@@ -35,10 +36,10 @@ void EnvironmentImpl::StartThread() {
     unsigned long handle = 0;
     VCreateThread(MainThreadFunc, this, &handle);
     m_thread = handle;
-  } catch (const VornException& e) {
+  } catch (...) {
     m_threaded = false;
     m_terminating = wasTerminating;
-    Log(3, e.msg(), nullptr);
+    Log(3, "Cannot create thread", nullptr);
     throw;
   }
 }
@@ -67,7 +68,12 @@ void* EnvironmentImpl::MainThreadFunc(void* env) {
   int idleCycles = 0;
   bool busy = false;
   while (!self->m_terminating) {
-    const bool idle = !self->RunWorkerCycle();
+    bool idle = false;
+    try {
+      idle = !self->RunWorkerCycle();
+    } catch (const std::bad_alloc&) {
+      self->Log(3, GetVornError(-2), nullptr);
+    }
     usleep(kPause);
     if (!idle) {
       busy = true;
@@ -95,7 +101,10 @@ bool EnvironmentImpl::RunWorkerCycle() {
     worked = true;
     RunResult result = Execute(code);
     const QueueLock queueLock(this);
-    if (m_waiting.count(id) != 0) m_results[id] = std::move(result);
+    const auto place = m_waiting.find(id);
+    if (place == m_waiting.end()) continue;
+    m_results[id] = std::move(result);
+    place->second = false;
   }
   return worked;
 }
@@ -137,7 +146,12 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   bool terminated = false;
   for (auto& callback : batch) {
     entry.Begin();
-    terminated |= CallPending(callback.get_ptr());
+    try {
+      terminated |= CallPending(callback.get_ptr());
+    } catch (const std::bad_alloc&) {
+      // Nor was there memory to say why it failed.
+      Log(3, GetVornError(-2), nullptr);
+    }
     entry.Settle();
   }
   // Dropped here, under the isolate's lock, where the handles can go at once.

@@ -4,6 +4,7 @@
 #include <vnjs/export.h>
 #include <vnjs/refcount.h>
 
+#include <forward_list>
 #include <memory>
 
 namespace vnjs {
@@ -32,7 +33,7 @@ class VNJS_API SafeValue : public VRefCountedObject {
 
   v8::Isolate* const m_isolate;
   const std::shared_ptr<DroppedHandles> m_dropped;
-  std::unique_ptr<v8::Global<v8::Value>> m_value;
+  std::forward_list<v8::Global<v8::Value>> m_value;
 };
 
 /// A unit of script work that was produced outside the script: a timer that came due, a result of another

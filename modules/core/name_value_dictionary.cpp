@@ -101,7 +101,8 @@ v8::MaybeLocal<v8::String> FindSpelling(v8::Local<v8::Context> context, v8::Loca
       Remember(context, dictionary, name, found);
     return found;
   } catch (const std::bad_alloc&) {
-    // Nothing of ours may be thrown through the engine; and a name of hundreds of megabytes is no entry's.
+    // Nothing of ours may be thrown through the engine.
+    ThrowException(isolate, GetVornError(-2));
     return {};
   }
 }

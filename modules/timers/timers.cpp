@@ -3,6 +3,8 @@
 #include <unistd.h>
 #include <vnjs/host.h>
 
+#include <new>
+
 #include "bridge/native.h"
 #include "engine/registration.h"
 
@@ -48,18 +50,17 @@ VRefCountedPointer<Timers::TimersContext> Timers::GetTimersContext(Environment* 
 void Timers::CreateThreadIfNeeded(Environment* env) { env->CreateThread(kThread, TimersFunc, nullptr); }
 
 int Timers::TimersFunc(VRefCountedPointer<Thread> thread) {
-  VRefCountedPointer<TimersContext> context = GetTimersContext(thread->GetEnvironment());
+  VRefCountedPointer<TimersContext> context;
   uint64_t last = get_local_time_ms();
   while (!thread->IsTerminating()) {
     const uint64_t now = get_local_time_ms();
     const auto elapsed = static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(last));
     last = now;
     if (elapsed < 0 || elapsed > kLongestGap) continue;
-    // An environment that was terminating when this thread began gave it a table that is nobody's; it may have been
-    // started again since.
+    // An environment that is terminating shows no table, but may be started again.
     const VRefCountedPointer<EnvironmentVariable> kept = thread->GetEnvironment()->GetVariable(kVariable);
     if (!kept.is_empty()) context = static_cast<TimersContext*>(kept.get_ptr());
-    context->Pass(elapsed);
+    if (!context.is_empty()) context->Pass(elapsed);
     usleep(kStep);
   }
   return 0;
@@ -74,6 +75,8 @@ uint32_t Timers::TimersContext::Add(v8::Isolate* isolate, v8::Local<v8::Value> c
                                     bool recurring) {
   // Before any lock is held, because it can collect garbage.
   RequireMemory(m_environment, kTimerBytes);
+  // And this, because the thread has the host give it a name.
+  if (delay != 0) CreateThreadIfNeeded(m_environment);
   const Scope scope(this);
   uint32_t id = 0;
   while (id == 0 || m_timers.count(id) != 0) id = NextTimerId();
@@ -81,7 +84,6 @@ uint32_t Timers::TimersContext::Add(v8::Isolate* isolate, v8::Local<v8::Value> c
     m_environment->PushCallback(
         new TimerCallback(m_environment, SafeValue::New(isolate, callback), id, ChargeTimer()));
   } else {
-    CreateThreadIfNeeded(m_environment);
     m_timers[id] = TimerInfo(SafeValue::New(isolate, callback), delay, recurring, ChargeTimer());
   }
   return id;
@@ -107,7 +109,13 @@ void Timers::TimersContext::Pass(int32_t elapsed) {
       ++timer;
       continue;
     }
-    m_environment->PushCallback(new TimerCallback(m_environment, info.GetCallback(), id, ChargeTimer()));
+    try {
+      m_environment->PushCallback(new TimerCallback(m_environment, info.GetCallback(), id, ChargeTimer()));
+    } catch (const std::bad_alloc&) {
+      // Due as before, at the next pass.
+      ++timer;
+      continue;
+    }
     if (info.GetRecurring()) {
       info.Reset();
       ++timer;

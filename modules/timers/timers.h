@@ -21,7 +21,7 @@ namespace vnjs {
 /// with
 ///           a delay, counts all timers down in steps of 25 ms and queues a callback for each that comes due;
 ///           it never touches the engine.
-/// Locks:    the context's lock comes before the environment's callback lock and thread lock.
+/// Locks:    the context's lock comes before the environment's callback lock.
 class Timers : public Module {
  public:
   class TimerInfo;

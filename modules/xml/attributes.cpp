@@ -16,8 +16,8 @@ v8::Local<v8::FunctionTemplate> Xml::NewAttributesTemplate(XmlEnv* env) {
   NameClass(isolate, result, "VXmlAttributes");
   result->InstanceTemplate()->SetInternalFieldCount(kElementFieldCount);
   result->InstanceTemplate()->SetHandler(v8::NamedPropertyHandlerConfiguration(
-      Native<&Xml::GetAttribute>, Native<&Xml::SetAttribute>, Native<&Xml::QueryAttribute>,
-      Native<&Xml::DeleteAttribute>, Native<&Xml::EnumAttributes>, env->Anchor(),
+      XmlNative<&Xml::GetAttribute>, XmlNative<&Xml::SetAttribute>, XmlNative<&Xml::QueryAttribute>,
+      XmlNative<&Xml::DeleteAttribute>, XmlNative<&Xml::EnumAttributes>, env->Anchor(),
       v8::PropertyHandlerFlags::kOnlyInterceptStrings));
   return result;
 }

@@ -1,9 +1,11 @@
 #include "modules/xml/document.h"
 
+#include <libxml/dict.h>
 #include <libxml/parser.h>
 #include <vnjs/error.h>
 #include <vnjs/value.h>
 
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -91,6 +93,9 @@ void Xml::New(const Info& info) {
   DocPointer doc;
   if (info.Length() == 0) {
     doc.reset(xmlNewDoc(ToXml("1.0")));
+    // As the parser does. Without it libxml2 loses the name of an attribute that it has no memory for.
+    if (doc != nullptr) doc->dict = xmlDictCreate();
+    if (doc == nullptr || doc->dict == nullptr) throw std::bad_alloc();
   } else {
     if (!IsText(info[0])) throw VornException("Invalid args");
     doc = ParseXml(GetString(info[0]), GetMemoryBudget(environment)->limit());

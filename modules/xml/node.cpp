@@ -80,12 +80,12 @@ v8::Local<v8::FunctionTemplate> Xml::NewNodeTemplate(XmlEnv* env) {
   };
   // The engine lists the last one first.
   constexpr auto kHidden = static_cast<v8::PropertyAttribute>(v8::ReadOnly | v8::DontEnum);
-  add("parent", Native<&Xml::GetNodeParent>, nullptr, kHidden);
-  add("children", Native<&Xml::GetNodeChildren>);
-  add("attributes", Native<&Xml::GetNodeAttributes>);
-  add("text", Native<&Xml::GetNodeText>, Native<&Xml::SetNodeText>);
-  add("name", Native<&Xml::GetNodeName>);
-  instance->SetNativeDataProperty(NewName(isolate, "document"), Native<&Xml::GetNodeDocument>, nullptr,
+  add("parent", XmlNative<&Xml::GetNodeParent>, nullptr, kHidden);
+  add("children", XmlNative<&Xml::GetNodeChildren>);
+  add("attributes", XmlNative<&Xml::GetNodeAttributes>);
+  add("text", XmlNative<&Xml::GetNodeText>, XmlNative<&Xml::SetNodeText>);
+  add("name", XmlNative<&Xml::GetNodeName>);
+  instance->SetNativeDataProperty(NewName(isolate, "document"), XmlNative<&Xml::GetNodeDocument>, nullptr,
                                   v8::Local<v8::Value>(),
                                   static_cast<v8::PropertyAttribute>(kHidden | v8::DontDelete));
 
@@ -93,10 +93,10 @@ v8::Local<v8::FunctionTemplate> Xml::NewNodeTemplate(XmlEnv* env) {
     result->PrototypeTemplate()->Set(isolate, name, v8::FunctionTemplate::New(isolate, callback, anchor),
                                      v8::DontEnum);
   };
-  addMethod("insertChild", Native<&Xml::InsertNodeChild>);
-  addMethod("removeChild", Native<&Xml::RemoveNodeChild>);
-  addMethod("findAll", Native<&Xml::FindNodeAll>);
-  addMethod("findOne", Native<&Xml::FindNodeOne>);
+  addMethod("insertChild", XmlNative<&Xml::InsertNodeChild>);
+  addMethod("removeChild", XmlNative<&Xml::RemoveNodeChild>);
+  addMethod("findAll", XmlNative<&Xml::FindNodeAll>);
+  addMethod("findOne", XmlNative<&Xml::FindNodeOne>);
   return result;
 }
 

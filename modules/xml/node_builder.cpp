@@ -59,7 +59,7 @@ bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* resu
   Spend(sizeof(xmlNode) + name.size());
   // Not of the document before it is in its tree: queries would find its attributes by their ID.
   NodePointer element(xmlNewNode(nullptr, ToXml(name.c_str())));
-  if (element == nullptr) throw std::bad_alloc();
+  if (element == nullptr || element->name == nullptr) throw std::bad_alloc();
   m_tree->NoteName(name);
 
   if (!Read(object, Xml::XmlEnv::kAttributes, &part)) return false;

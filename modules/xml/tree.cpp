@@ -178,10 +178,19 @@ xmlAttr* NewAttribute(xmlNode* element, xmlNs* space, const char* name, const st
   // Takes the name over, even when it fails.
   xmlAttr* const attribute = xmlNewNsPropEatName(element, space, copy, ToXml(value.c_str()));
   if (attribute == nullptr) throw std::bad_alloc();
+  if (!value.empty() && (attribute->children == nullptr || attribute->children->content == nullptr)) {
+    xmlRemoveProp(attribute);
+    throw std::bad_alloc();
+  }
   return attribute;
 }
 
 }  // namespace
+
+void CheckXmlMemory() {
+  const xmlError* const error = xmlGetLastError();
+  if (error != nullptr && error->code == XML_ERR_NO_MEMORY) throw std::bad_alloc();
+}
 
 Tree::Tree(DocPointer doc) : m_doc(std::move(doc)), m_size(kDocumentSize) {
   for (const xmlNode* node = m_doc->children; node != nullptr; node = node->next) m_size += SubtreeSize(node);

@@ -37,6 +37,10 @@ constexpr int kDeepest = 256;
 /// all others: 5,000 take it a tenth of a second on a desktop machine, 100,000 take it a minute.
 constexpr size_t kMostAttributes = 5000;
 
+/// libxml2 goes on without the memory that it did not get, and remembers that as the thread's last error. Throws
+/// std::bad_alloc when that is so since the last xmlResetLastError.
+void CheckXmlMemory();
+
 /// One document's nodes, and who points where.
 ///
 /// Scripts keep objects of elements for as long as they like, and elements are freed by the next edit. So an

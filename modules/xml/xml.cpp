@@ -117,12 +117,12 @@ VRefCountedPointer<Xml::XmlEnv> Xml::GetEnv(Environment* env) {
 }
 
 const NativeEntry Xml::kNatives[] = {
-    {"VXmlDocument", Native<&Xml::New>, NativeEntry::kConstructor},
-    {"$xml$toString", Native<&Xml::ToString>},
-    {"$xml$findOne", Native<&Xml::FindDocOne>},
-    {"$xml$findAll", Native<&Xml::FindDocAll>},
-    {"$xml$getRoot", Native<&Xml::GetDocRoot>},
-    {"$xml$setRoot", Native<&Xml::SetDocRoot>},
+    {"VXmlDocument", XmlNative<&Xml::New>, NativeEntry::kConstructor},
+    {"$xml$toString", XmlNative<&Xml::ToString>},
+    {"$xml$findOne", XmlNative<&Xml::FindDocOne>},
+    {"$xml$findAll", XmlNative<&Xml::FindDocAll>},
+    {"$xml$getRoot", XmlNative<&Xml::GetDocRoot>},
+    {"$xml$setRoot", XmlNative<&Xml::SetDocRoot>},
 };
 
 v8::Local<v8::FunctionTemplate> Xml::GetFunction(Environment* env, v8::Isolate* isolate, std::string name) {

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "bridge/native.h"
 #include "modules/xml/tree.h"
 
 namespace vnjs {
@@ -147,5 +148,22 @@ class Xml : public Module {
   static bool m_registered;
   static const struct NativeEntry kNatives[];
 };
+
+template <typename Signature>
+struct XmlGuard;
+
+template <typename... Arguments>
+struct XmlGuard<void (*)(Arguments...)> {
+  template <void (*native)(Arguments...)>
+  static void Call(Arguments... arguments) {
+    xmlResetLastError();
+    native(arguments...);
+    CheckXmlMemory();
+  }
+};
+
+/// The guard around the natives of this extension: what libxml2 had no memory for becomes an `Error` as well.
+template <auto native>
+constexpr auto XmlNative = Native<&XmlGuard<decltype(native)>::template Call<native>>;
 
 }  // namespace vnjs
