@@ -5,6 +5,7 @@
 #include <vnjs/error.h>
 #include <vnjs/value.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "bridge/native.h"
@@ -22,6 +23,8 @@ std::atomic<size_t> bufferLimit{size_t{64} * 1024 * 1024};
 
 /// Below, the engine cannot make a context and run it.
 constexpr size_t kSmallestHeap = size_t{8} * 1024 * 1024;
+
+constexpr size_t kHeapStep = size_t{1024} * 1024;
 
 /// The isolate that the process was given for debugging, and the budget that its buffers count against.
 v8::Isolate* providedIsolate = nullptr;
@@ -120,7 +123,8 @@ void EnvironmentImpl::ProvideCurrentIsolate() {
 
 void EnvironmentImpl::SetLimits(size_t heapBytes, size_t bufferBytes) {
   if (heapBytes < kSmallestHeap) throw VornException(GetVornError(-1));
-  heapLimit = heapBytes;
+  // The engine ends the process when its code does not begin and end with a page.
+  heapLimit = std::min(heapBytes, SIZE_MAX / 4) & ~(kHeapStep - 1);
   bufferLimit = bufferBytes;
 }
 

@@ -132,18 +132,6 @@ class EnvironmentImpl final : public Environment {
   RunResult ExecuteEntered(v8::Local<v8::Context> context, const PendingCode& code);
   RunResult ExecuteStopped();
 
-  /// Runs script code, and then its microtasks. The engine would run those of a script that was ended as well, when
-  /// nobody has a hold on it.
-  template <typename Code>
-  bool RunWithMicrotasks(const Code& code) {
-    bool result = false;
-    {
-      const v8::Isolate::SuppressMicrotaskExecutionScope later(m_isolate);
-      result = code();
-    }
-    if (m_entries == 1 && !m_guard->IsStopping()) m_isolate->PerformMicrotaskCheckpoint();
-    return result;
-  }
   void LogExecuting(const std::string& code);
 
   static void* MainThreadFunc(void* env);
@@ -236,7 +224,7 @@ class EnvironmentImpl::Entry {
     m_env->m_guard->Settle();
     try {
       m_env->m_rejections.Report(m_env);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
       // Fits into the string itself.
       m_env->Log(3, GetVornError(-2), nullptr);
     }

@@ -104,7 +104,9 @@ RunResult EnvironmentImpl::Execute(const PendingCode& code) {
   if (m_debugTarget != nullptr && entry.IsOutermost()) m_debugTarget->Dispatch();
   RunResult result;
   try {
-    result = ExecuteEntered(entry.context(), code);
+    // What a debugger had the environment do may be what was ended.
+    result = m_guard->IsStopping() && entry.IsOutermost() ? ExecuteStopped()
+                                                          : ExecuteEntered(entry.context(), code);
   } catch (const std::exception&) {
     // The text of the code or of its result is larger than the memory that is left.
     result = RunResult(GetVornError(-2), true);
@@ -135,7 +137,7 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
 
   if (m_debugTarget != nullptr) m_debugTarget->OnScriptStart();
   v8::Local<v8::Value> value;
-  const bool ended = RunWithMicrotasks([&] { return script->Run(context).ToLocal(&value); });
+  const bool ended = script->Run(context).ToLocal(&value);
   // The script itself may have returned in time, and what was ended be its microtasks alone.
   if (caught.HasTerminated() || m_isolate->IsExecutionTerminating() || m_guard->IsStopping()) {
     return ExecuteStopped();
@@ -145,7 +147,10 @@ RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const 
   if (!ended) {
     const std::string text = MessageText(caught);
     const ScriptPosition position = Position(context, caught.Message());
-    Log(3, "result: Error: " + StackText(context, caught, text), nullptr);
+    const std::string stack = StackText(context, caught, text);
+    // The stack can be a getter of the script's.
+    if (m_guard->IsStopping()) return ExecuteStopped();
+    Log(3, "result: Error: " + stack, nullptr);
     return {text, true, position};
   }
   bool terminated = false;

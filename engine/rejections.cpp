@@ -73,11 +73,12 @@ void Rejections::Report(Environment* environment) {
   v8::Isolate* const isolate = environment->GetIsolate();
   const v8::HandleScope scope(isolate);
   const v8::Local<v8::Context> context = environment->GetContext();
-  for (size_t i = 0; i < entries.size() && i < kMostLines; ++i) {
-    environment->Log(3, "Unhandled promise rejection: " + Describe(context, entries[i].reason.Get(isolate)),
-                     nullptr);
+  size_t lines = 0;
+  for (; lines < entries.size() && lines < kMostLines && !IsInterrupted(environment); ++lines) {
+    environment->Log(
+        3, "Unhandled promise rejection: " + Describe(context, entries[lines].reason.Get(isolate)), nullptr);
   }
-  const size_t more = lost + entries.size() - std::min(entries.size(), kMostLines);
+  const size_t more = lost + entries.size() - lines;
   if (more > 0) {
     environment->Log(3, std::to_string(more) + " more unhandled promise rejections", nullptr);
   }

@@ -50,7 +50,9 @@ void RunGuard::Settle() {
   // The engine drops all microtasks when it ends one.
   if (IsStopping() || m_isolate->IsExecutionTerminating()) m_isolate->TerminateExecution();
   m_isolate->PerformMicrotaskCheckpoint();
-  Forget();
+  // What ended it stays known: code that tells what it left behind is to end as well.
+  m_isolate->CancelTerminateExecution();
+  KeepMicrotasks(false);
 }
 
 void RunGuard::End() {
@@ -66,6 +68,15 @@ void RunGuard::Forget() {
   const Lock lock(this);
   m_reason = kNone;
   m_isolate->CancelTerminateExecution();
+  KeepMicrotasks(false);
+}
+
+/// The engine runs those of a script that is ended when its outermost call returns.
+void RunGuard::KeepMicrotasks(bool keep) {
+  if (keep == m_keepsMicrotasks) return;
+  m_keepsMicrotasks = keep;
+  if (keep) m_policy = m_isolate->GetMicrotasksPolicy();
+  m_isolate->SetMicrotasksPolicy(keep ? v8::MicrotasksPolicy::kExplicit : m_policy);
 }
 
 void RunGuard::RestoreHeapLimit() {
@@ -103,6 +114,7 @@ bool RunGuard::IsStopping() const {
 
 void RunGuard::EndNow(v8::Local<v8::Context> context) {
   if (m_place.line == 0) m_place = CurrentPlace(m_isolate);
+  KeepMicrotasks(true);
   m_isolate->TerminateExecution();
   // The engine notices that only where code is entered or loops, so some code is entered.
   v8::Local<v8::Script> nothing;
@@ -133,6 +145,7 @@ void RunGuard::OnInterrupt(v8::Isolate* isolate, void*) {
   } catch (const std::bad_alloc&) {
     // Without its place.
   }
+  guard.KeepMicrotasks(true);
   isolate->TerminateExecution();
 }
 

@@ -58,6 +58,7 @@ class RunGuard {
   void Stop(Reason reason);
   void Forget();
   void RestoreHeapLimit();
+  void KeepMicrotasks(bool keep);
   static void OnInterrupt(v8::Isolate* isolate, void*);
   static size_t OnNearHeapLimit(void* guard, size_t current, size_t initial);
 
@@ -71,6 +72,8 @@ class RunGuard {
   bool m_full = false;
   bool m_hopeless = false;
   ScriptPosition m_place;
+  bool m_keepsMicrotasks = false;
+  v8::MicrotasksPolicy m_policy = v8::MicrotasksPolicy::kAuto;
 
   mutable std::mutex m_mutex;
   Reason m_reason = kNone;

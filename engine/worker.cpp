@@ -144,10 +144,16 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   if (batch.empty()) return false;
 
   bool terminated = false;
-  for (auto& callback : batch) {
+  for (auto callback = batch.begin(); callback != batch.end(); ++callback) {
+    if (m_guard->IsStopping() && !entry.IsOutermost()) {
+      // It is the script below that was to end; the rest comes when it has.
+      const CallbackLock callbackLock(this);
+      m_callbacks.insert(m_callbacks.begin(), callback, batch.end());
+      break;
+    }
     entry.Begin();
     try {
-      terminated |= CallPending(callback.get_ptr());
+      terminated |= CallPending(callback->get_ptr());
     } catch (const std::bad_alloc&) {
       // Nor was there memory to say why it failed.
       Log(3, GetVornError(-2), nullptr);
@@ -175,7 +181,7 @@ bool EnvironmentImpl::CallPending(CallbackBase* callback) {
   if (m_debugTarget != nullptr) m_debugTarget->OnScriptStart();
   std::string failure;
   try {
-    RunWithMicrotasks([&] { return callback->Call(), true; });
+    callback->Call();
   } catch (const VornException& e) {
     failure = e.msg();
   } catch (const std::exception& e) {
@@ -196,7 +202,8 @@ bool EnvironmentImpl::CallPending(CallbackBase* callback) {
 void EnvironmentImpl::RunEngineTasks() {
   if (!OwnsEnginePlatform()) return;
   const v8::TryCatch caught(m_isolate);
-  while (!m_terminating && v8::platform::PumpMessageLoop(EnginePlatform(), m_isolate)) {
+  while (!m_terminating && !m_guard->IsStopping() &&
+         v8::platform::PumpMessageLoop(EnginePlatform(), m_isolate)) {
   }
   if (caught.HasTerminated()) Log(3, "Callback execution error: " + StoppedText(m_guard->Stopped()), nullptr);
 }

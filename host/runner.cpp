@@ -17,9 +17,11 @@ static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it
 constexpr std::chrono::milliseconds kGrace(1000);
 constexpr std::chrono::milliseconds kStep(20);
 
-extern "C" void RequestStop(int number) {
+extern "C" void RequestStop(int) {
   // What cannot be interrupted still ends when the signal comes once more.
-  if (++stopSignals > 1) signal(number, SIG_DFL);
+  if (++stopSignals == 1) return;
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
 }
 
 /// False for a failed script, whose text goes to standard error, after its place as far as that is known.

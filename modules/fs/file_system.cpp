@@ -136,8 +136,8 @@ LoadedFile ReadArgument(const v8::FunctionCallbackInfo<v8::Value>& info) {
   LoadedFile file;
   file.name = FileName(info.GetIsolate(), info[0], kLeading);
   struct stat status {};
-  if (stat(file.name.c_str(), &status) == 0) {
-    RequireMemory(GetEnvironment(info.GetIsolate()), static_cast<size_t>(std::max<off_t>(0, status.st_size)));
+  if (stat(file.name.c_str(), &status) == 0 && status.st_size >= static_cast<off_t>(kLargeFile)) {
+    RequireMemory(GetEnvironment(info.GetIsolate()), static_cast<size_t>(status.st_size));
   }
   file.bytes = ReadFile(file.name.c_str());
   return file;

@@ -30,7 +30,7 @@ constexpr useconds_t kStep = 25000;
 /// Longer gaps between two passes are jumps of the clock and charged to nobody.
 constexpr int32_t kLongestGap = 1000;
 
-/// What a timer takes, and what its queued callback takes, with the engine's handle.
+/// What a timer takes, or the queued callback of one without a delay, with the engine's handle.
 constexpr size_t kTimerBytes = 256;
 
 }  // namespace
@@ -105,12 +105,13 @@ void Timers::TimersContext::Pass(int32_t elapsed) {
   for (auto timer = m_timers.begin(); timer != m_timers.end();) {
     auto& [id, info] = *timer;
     info.Decrement(elapsed);
-    if (info.GetTimeLeft() > 0 || !m_memory->Fits(kTimerBytes)) {
+    if (info.GetTimeLeft() > 0 || !m_ticks->Fits(1)) {
       ++timer;
       continue;
     }
     try {
-      m_environment->PushCallback(new TimerCallback(m_environment, info.GetCallback(), id, ChargeTimer()));
+      m_environment->PushCallback(
+          new TimerCallback(m_environment, info.GetCallback(), id, MemoryCharge(m_ticks, 1)));
     } catch (const std::bad_alloc&) {
       // Due as before, at the next pass.
       ++timer;

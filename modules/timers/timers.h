@@ -108,6 +108,10 @@ class Timers::TimersContext : public EnvironmentVariable {
   Environment* const m_environment;
   const std::shared_ptr<MemoryBudget> m_memory = GetMemoryBudget(m_environment);
 
+  /// How many timers that came due may wait for the script. Not of the memory's budget, which garbage can fill.
+  static constexpr size_t kMostTicks = 10000;
+  const std::shared_ptr<MemoryBudget> m_ticks = std::make_shared<MemoryBudget>(kMostTicks);
+
   mutable MutexLock m_lock{false};
   std::map<uint32_t, TimerInfo> m_timers;
   uint32_t m_lastId = 0;

@@ -37,9 +37,9 @@ NodeBuilder::NodeBuilder(Xml::XmlEnv* env, Tree* tree)
       m_memory(GetMemoryBudget(GetEnvironment(m_isolate))) {}
 
 void NodeBuilder::Spend(size_t bytes) {
-  m_bytes += bytes;
   if (++m_entries > kMostEntries) throw VornException("XML is too large");
-  if (!m_memory->Fits(m_bytes)) RequireMemory(GetEnvironment(m_isolate), m_bytes);
+  if (!m_memory->Fits(bytes)) RequireMemory(GetEnvironment(m_isolate), bytes);
+  m_charge.Set(m_charge.bytes() + bytes);
 }
 
 bool NodeBuilder::Read(v8::Local<v8::Object> object, Xml::XmlEnv::Key key, v8::Local<v8::Value>* value) {

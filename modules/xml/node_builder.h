@@ -38,8 +38,8 @@ class NodeBuilder {
   const v8::Local<v8::Context> m_context;
   Tree* const m_tree;
   const std::shared_ptr<MemoryBudget> m_memory;
+  MemoryCharge m_charge{m_memory, 0};
   size_t m_entries = 0;
-  size_t m_bytes = 0;
 };
 
 /// Whether a value is a string or a String object.

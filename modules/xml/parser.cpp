@@ -136,13 +136,30 @@ void IgnoreExternalSubset(void*, const xmlChar*, const xmlChar*, const xmlChar*)
 /// An entity that is declared elsewhere, if at all, has no text.
 void IgnoreReference(void*, const xmlChar*) {}
 
+bool Spend(void* parser, size_t bytes) {
+  Watch* const watch = WatchOf(parser);
+  const bool fits = bytes <= watch->memory;
+  watch->memory -= fits ? bytes : 0;
+  if (!fits) Refuse(parser, "Document is too large");
+  return fits;
+}
+
+void Comment(void* parser, const xmlChar* text) {
+  if (Spend(parser, 2 * sizeof(xmlNode))) xmlSAX2Comment(parser, text);
+}
+
+void ProcessingInstruction(void* parser, const xmlChar* target, const xmlChar* text) {
+  if (Spend(parser, 2 * sizeof(xmlNode))) xmlSAX2ProcessingInstruction(parser, target, text);
+}
+
 void StartElement(void* parser, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri,
                   int namespaceCount, const xmlChar** namespaces, int attributeCount, int defaultCount,
                   const xmlChar** attributes) {
   Watch* const watch = WatchOf(parser);
   watch->comparisons += static_cast<double>(defaultCount) * defaultCount;
+  // With a text behind it.
   const size_t bytes =
-      sizeof(xmlNode) + (sizeof(xmlAttr) + sizeof(xmlNode)) * static_cast<size_t>(attributeCount);
+      2 * sizeof(xmlNode) + (sizeof(xmlAttr) + sizeof(xmlNode)) * static_cast<size_t>(attributeCount);
   if (watch->stopped) {
     // Inside of an entity, it was the parser of its text that was stopped.
     Stop(parser);
@@ -151,10 +168,7 @@ void StartElement(void* parser, const xmlChar* name, const xmlChar* prefix, cons
   } else if (static_cast<xmlParserCtxt*>(parser)->nsNr > 2 * kMostNamespaces) {
     // Which counts prefix and URI.
     Refuse(parser, "Too many namespaces");
-  } else if (bytes > watch->memory) {
-    Refuse(parser, "Document is too large");
-  } else {
-    watch->memory -= bytes;
+  } else if (Spend(parser, bytes)) {
     xmlSAX2StartElementNs(parser, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaultCount,
                           attributes);
   }
@@ -277,6 +291,8 @@ DocPointer ParseXml(const std::string& text, size_t memory) {
   parser->sax->externalSubset = IgnoreExternalSubset;
   parser->sax->reference = IgnoreReference;
   parser->sax->startElementNs = StartElement;
+  parser->sax->comment = Comment;
+  parser->sax->processingInstruction = ProcessingInstruction;
   DocPointer doc(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, nullptr,
                                    kOptions));
   if (watch.complaint != nullptr) {

@@ -203,8 +203,7 @@ TEST_F(ExecuteTest, ATerminatedIsolateGivesAnExceptionAndGoesOn) {
            "({toJSON: stop})",
            "processPendingCallbacks(); debugPrint('went on'); 9",
            "(function f() { f.toString = stop; return f; })()",
-           "var json = JSON, loop = true; Object.defineProperty(this, 'JSON', {get() {"
-           "  if (loop) { loop = false; stop(); } return json; }}); 5",
+           "var json = JSON, n = 0; Object.defineProperty(this, 'JSON', {get: () => n++ ? json : stop()}); 5",
        }) {
     environment()->PushCallback(new Terminator(environment()));
     EXPECT_EQ(Fail(code), "Script execution was interrupted") << code;
