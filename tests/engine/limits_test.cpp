@@ -21,11 +21,12 @@ constexpr char kInterrupted[] = "Script execution was interrupted";
 constexpr char kOutOfMemory[] = "Script ran out of memory";
 constexpr size_t kMegabyte = 1024 * 1024;
 
-/// Interrupts again and again, from a thread of its own, until the end of the scope.
+/// Interrupts again and again, from a thread of its own and from so long on, until the end of the scope.
 class Interrupting {
  public:
-  explicit Interrupting(Automation* automation)
-      : m_thread([this, automation] {
+  explicit Interrupting(Automation* automation, milliseconds wait = milliseconds(0))
+      : m_thread([this, automation, wait] {
+          std::this_thread::sleep_for(wait);
           for (; !m_done; std::this_thread::sleep_for(milliseconds(1))) automation->Interrupt();
         }) {}
   ~Interrupting() {
@@ -52,7 +53,7 @@ TEST_F(LimitsTest, InterruptsTellWhereAndHitNothingThatComesLater) {
   EXPECT_EQ(Run("1+1"), "2");
   RunResult result;
   {
-    const Interrupting interrupting(automation.get());
+    const Interrupting interrupting(automation.get(), milliseconds(500));
     result = automation->Run("var n = 0;\nfunction spin() {\n  for (;;) n++;\n}\nspin();", "spin.js");
   }
   EXPECT_TRUE(result.isException());
