@@ -119,7 +119,7 @@ TEST_F(XmlNodeTest, TheReceiverMayGoWhileItsArgumentIsRead) {
   for (const char* call : {
            "s.insertChild({get name() { r.text = ''; return 'x'; }})",
            "s.insertChild({name: 'x', attributes: {get a() { r.text = ''; return 1; }}})",
-           "s.insertChild({name: 'x', children: [{get name() { return r.document.root = {name: 'q'}, 'y' }}]})",
+           "s.insertChild({name: 'x', children: [{get name() {return r.document.root = {name: 'q'}, 'y'}}]})",
            "s.findOne('.', {get p() { r.text = ''; return 'u'; }})",
            "s.findAll('.', new Proxy({p: 'u'}, {ownKeys(o) { r.text = ''; return Reflect.ownKeys(o); }}))",
            "s.findAll(Object.assign(new String('.'), {toString() { r.text = ''; return '.'; }}))",
