@@ -145,14 +145,14 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
 
   bool terminated = false;
   for (auto callback = batch.begin(); callback != batch.end(); ++callback) {
-    if (m_guard->IsStopping() && !entry.IsOutermost()) {
-      // It is the script below that was to end; the rest comes when it has.
-      const CallbackLock callbackLock(this);
-      m_callbacks.insert(m_callbacks.begin(), callback, batch.end());
-      break;
-    }
-    entry.Begin();
     try {
+      if (m_guard->IsStopping() && !entry.IsOutermost()) {
+        // It is the script below that was to end; the rest comes when it has.
+        const CallbackLock callbackLock(this);
+        m_callbacks.insert(m_callbacks.begin(), callback, batch.end());
+        break;
+      }
+      entry.Begin();
       terminated |= CallPending(callback->get_ptr());
     } catch (const std::bad_alloc&) {
       // Nor was there memory to say why it failed.
@@ -214,6 +214,8 @@ void EnvironmentImpl::YieldIsolate() {
   // A thread that comes back to an isolate with breakpoints crashes in the engine, which looks for a current isolate
   // before the thread can have one. While debuggers may come, other threads wait for the end of the call.
   if (m_debugTarget != nullptr) return;
+  // The script below is to end, and what another thread runs now is not.
+  if (m_guard->IsStopping()) return;
   int entered = 0;
   while (v8::Isolate::TryGetCurrent() == m_isolate) {
     m_isolate->Exit();
