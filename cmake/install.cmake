@@ -4,12 +4,12 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/vnjs)
 set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(DIRECTORY include/vnjs DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/vnjs DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(TARGETS vnjs EXPORT vnjs
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-install(EXPORT vnjs NAMESPACE vnjs:: FILE vnjsTargets.cmake DESTINATION ${package_dir})
+install(EXPORT vnjs NAMESPACE vnjs:: FILE vnjsTargets.cmake DESTINATION ${package_dir} COMPONENT development)
 configure_package_config_file(cmake/vnjsConfig.cmake.in ${PROJECT_BINARY_DIR}/vnjsConfig.cmake
   INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/vnjsConfigVersion.cmake COMPATIBILITY SameMajorVersion)
@@ -17,8 +17,10 @@ install(FILES
   ${PROJECT_BINARY_DIR}/vnjsConfig.cmake
   ${PROJECT_BINARY_DIR}/vnjsConfigVersion.cmake
   cmake/FindV8.cmake
-  DESTINATION ${package_dir})
+  DESTINATION ${package_dir} COMPONENT development)
 
 file(RELATIVE_PATH pkgconfig_to_prefix /${pkgconfig_dir} /)
+# Where the engine's headers are for those who install, not on the machine that builds.
+string(REPLACE "${CMAKE_SYSROOT}" "" engine_headers ${V8_INCLUDE_DIR})
 configure_file(cmake/vnjs.pc.in ${PROJECT_BINARY_DIR}/vnjs.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/vnjs.pc DESTINATION ${pkgconfig_dir})
+install(FILES ${PROJECT_BINARY_DIR}/vnjs.pc DESTINATION ${pkgconfig_dir} COMPONENT development)

@@ -39,9 +39,9 @@ struct Options {
   bool threaded = false;
   bool quiet = false;
 
-  /// Ports for debuggers; 0 when not asked for.
-  int debugPort = 0;
-  int debugBreakPort = 0;
+  /// Ports for debuggers; empty when not asked for.
+  std::string debugPort;
+  std::string debugBreakPort;
 };
 
 const std::map<std::string, LogLevel> kLogLevels = {
@@ -65,14 +65,17 @@ const CLI::Validator kIsSeconds(
     },
     "");
 
-const CLI::Validator kIsPort(
-    [](std::string& text) {
-      char* end = nullptr;
-      const long port = strtol(text.c_str(), &end, 10);
-      const bool valid = !text.empty() && *end == '\0' && port > 0 && port <= 65535;
-      return valid ? "" : "'" + text + "' is not a port";
-    },
-    "");
+/// The port that an option names, 0 if the option is not given. Newer CLI11 has validators look at what a flag is
+/// before it is given, so this is not one.
+int ReadPort(const char* option, const std::string& text) {
+  if (text.empty()) return 0;
+  char* end = nullptr;
+  const long port = strtol(text.c_str(), &end, 10);
+  if (*end != '\0' || port < 1 || port > 65535) {
+    throw CLI::ValidationError(option, "'" + text + "' is not a port");
+  }
+  return static_cast<int>(port);
+}
 
 const char kVersion[] = "vnjs " VNJS_VERSION;
 const char kVersionHelp[] = "Print the version and end";
@@ -104,8 +107,8 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
   run->add_option("--for", options.seconds, "End after this time, though timers are left")
       ->type_name("SECONDS")
       ->check(kIsSeconds);
-  run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach; or --debug=PORT")->check(kIsPort);
-  run->add_flag("--debug-brk{9229}", options.debugBreakPort, "The same, and wait for one")->check(kIsPort);
+  run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach; or --debug=PORT");
+  run->add_flag("--debug-brk{9229}", options.debugBreakPort, "The same, and wait for one");
   AddCommonOptions(run, options);
   run->footer(
       "DIR is the first file's folder when not given; DIR/storage is made.\n"
@@ -162,17 +165,19 @@ ExitStatus RunFiles(Runner& runner, const Options& options) {
 }
 
 ExitStatus Execute(const CLI::App& app, const Options& options) {
+  const int debugPort = ReadPort("--debug", options.debugPort);
+  const int debugBreakPort = ReadPort("--debug-brk", options.debugBreakPort);
   for (const std::string& path : options.files) CheckFile(path);
   const bool run = app.got_subcommand("run");
   const std::string storageDir = PrepareStorage(options);
-  const int debugPort = options.debugBreakPort != 0 ? options.debugBreakPort : options.debugPort;
-  if (debugPort != 0) ListenForDebuggers(debugPort);
+  if (debugPort != 0 || debugBreakPort != 0)
+    ListenForDebuggers(debugBreakPort != 0 ? debugBreakPort : debugPort);
   Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded,
                 options.timeout);
   ExitStatus status = kFine;
   if (run) {
     runner.StopOnSignals();
-    if (options.debugBreakPort != 0) runner.WaitForDebugger();
+    if (debugBreakPort != 0) runner.WaitForDebugger();
     status = RunFiles(runner, options);
   } else {
     status = runner.Evaluate(options.code) ? kFine : kFailed;
@@ -189,6 +194,7 @@ ExitStatus Main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
     if (app.get_subcommands().empty()) throw CLI::RequiredError("run or eval");
+    return Execute(app, options);
   } catch (const CLI::ParseError& e) {
     std::ostringstream asked;
     std::ostringstream wrong;
@@ -197,7 +203,6 @@ ExitStatus Main(int argc, char** argv) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
     throw UsageError(text);
   }
-  return Execute(app, options);
 }
 
 }  // namespace

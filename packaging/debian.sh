@@ -57,6 +57,8 @@ fill_sysroot() {
   done
   for package; do
     dpkg-deb --fsys-tarfile "$package" | tar -x -C "$root" --keep-directory-symlink --no-same-owner
+    # Which package has which library, for packages that depend on them.
+    dpkg-deb --ctrl-tarfile "$package" | tar -xO ./shlibs >>"$root/.shlibs" 2>/dev/null || true
   done
 }
 
@@ -73,9 +75,11 @@ fresh_root() {
     local from
     from=$(archive)
     rm -rf --one-file-system "$root"
-    local cross=()
-    [[ $architecture == "$(dpkg --print-architecture)" ]] || cross=(--foreign)
-    debootstrap --variant=minbase --arch="$architecture" "${cross[@]}" "$suite" "$root" "$from" >"$root.log" 2>&1 ||
+    local foreign=()
+    [[ $architecture == "$(dpkg --print-architecture)" ]] || foreign=(--foreign)
+    debootstrap --variant=minbase --arch="$architecture" "${foreign[@]}" "$suite" "$root" "$from" >"$root.log" 2>&1 ||
+      fail "$(tail -n 5 "$root.log")"
+    [[ -z ${foreign[*]} ]] || in_root "$root" /debootstrap/debootstrap --second-stage >>"$root.log" 2>&1 ||
       fail "$(tail -n 5 "$root.log")"
     rm -rf --one-file-system "$root/var/cache/apt/archives"
     printf 'deb %s %s main\n' "$from" "$suite" "$from" "$suite-updates" \
@@ -113,7 +117,15 @@ in_root() {
     done
     ln -s pts/ptmx "$root/dev/ptmx"
     ln -s /proc/self/fd "$root/dev/fd"
-    exec chroot "$root" /usr/bin/env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
+    # While the command runs, this machine starts programs for ARM in the emulator.
+    if [[ $root == *-armhf ]]; then
+      mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
+      magic="\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x28\x00"
+      mask="\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff"
+      echo ":vnjs-arm:M::$magic:$mask:/usr/bin/qemu-arm-static:F" >/proc/sys/fs/binfmt_misc/register
+      trap "echo -1 >/proc/sys/fs/binfmt_misc/vnjs-arm" EXIT
+    fi
+    chroot "$root" /usr/bin/env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
       DEBIAN_FRONTEND=noninteractive npm_config_cafile=/usr/local/share/machine.crt "$@"
   ' in_root "$@"
 }

@@ -17,6 +17,16 @@ namespace {
 /// its name.
 using Measured = std::map<std::string, std::vector<double>>;
 
+/// Whether a row failed, which the library has told in two ways.
+template <typename Run>
+auto HasFailed(const Run& run, int /*preferred*/) -> decltype(run.error_occurred) {
+  return run.error_occurred;
+}
+template <typename Run>
+auto HasFailed(const Run& run, long /*newer*/) -> decltype(run.skip_message.empty()) {
+  return !run.skip_message.empty();
+}
+
 /// The console's table without the single repetitions, and a memory of what they measured.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
@@ -25,8 +35,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     std::vector<Run> shown;
     for (const Run& run : runs) {
-      if (run.error_occurred) m_failed = true;
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred) Remember(run);
+      const bool failed = HasFailed(run, 0);
+      m_failed |= failed;
+      if (run.run_type == Run::RT_Iteration && !failed) Remember(run);
       if (IsShown(run)) shown.push_back(run);
     }
     if (!shown.empty()) ConsoleReporter::ReportRuns(shown);
@@ -53,7 +64,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
  private:
   static bool IsShown(const Run& run) {
-    if (run.error_occurred) return true;
+    if (HasFailed(run, 0)) return true;
     if (run.run_type == Run::RT_Iteration) return run.repetitions == 1;
     return run.aggregate_name == "median" || run.aggregate_name == "cv";
   }

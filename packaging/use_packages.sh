@@ -1,0 +1,23 @@
+#!/bin/sh
+# Run in a clean system with our packages in its /packages: installs them, runs an automation, and builds the host that
+# knows nothing of our sources, by pkg-config and by CMake.
+set -eu
+cd /packages
+apt-get -q update >/dev/null 2>&1 || true
+apt-get -q install -y --no-install-recommends ./*.deb g++ cmake make pkgconf >apt.log 2>&1 || {
+  tail -n 20 apt.log
+  exit 1
+}
+vnjs --version
+vnjs run thermostat.js 2>&1 | tail -n 1
+g++ -std=c++17 host.cpp -o host $(pkgconf --cflags --libs vnjs)
+./host >by_pkgconf
+cmake -S find_package -B cmake >cmake.log 2>&1 && cmake --build cmake >>cmake.log 2>&1 || {
+  tail -n 20 cmake.log
+  exit 1
+}
+cmake/host >by_cmake
+cmp by_pkgconf by_cmake
+grep -c '' by_cmake
+apt-get -q purge -y libvnjs1 vnjs libvnjs-dev >apt.log 2>&1
+[ -z "$(find /usr -name '*vnjs*')" ] || find /usr -name '*vnjs*'
