@@ -59,11 +59,13 @@ class VRefCountedPointer {
     if (m_object != nullptr) m_object->ReleaseRef();
   }
 
+  // cppcheck-suppress operatorEqVarError; copy() assigns it
   VRefCountedPointer& operator=(T* object) {
     copy(object);
     return *this;
   }
   // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): copy() takes the new reference first
+  // cppcheck-suppress operatorEqVarError; copy() assigns it
   VRefCountedPointer& operator=(const VRefCountedPointer& other) {
     copy(other.m_object);
     return *this;

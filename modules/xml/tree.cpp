@@ -204,7 +204,8 @@ Tree::Reference Tree::Refer(xmlNode* element) {
       slot = m_freeSlots;
       m_freeSlots = slot->nextFree;
     } else {
-      slot = &m_slots.emplace_back(Slot{{nullptr}, 0});
+      m_slots.push_back(Slot{{nullptr}, 0});
+      slot = &m_slots.back();
     }
     slot->element = element;
     element->_private = slot;
