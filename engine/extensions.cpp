@@ -1,5 +1,6 @@
 #include "engine/extensions.h"
 
+#include "modules/console/console.h"
 #include "modules/core/core.h"
 #include "modules/fs/file_system.h"
 #include "modules/system/system.h"
@@ -12,7 +13,8 @@ namespace {
 
 /// Every extension, in the order in which the engine learns of them.
 constexpr void (*kExtensions[])() = {
-    &Core::Register, &Timers::Register, &System::Register, &FileSystem::Register, &Xml::Register,
+    &Core::Register,       &Timers::Register, &System::Register,
+    &FileSystem::Register, &Xml::Register,    &Console::Register,
 };
 
 }  // namespace
