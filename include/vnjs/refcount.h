@@ -64,8 +64,8 @@ class VRefCountedPointer {
     copy(object);
     return *this;
   }
-  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): copy() takes the new reference first
   // cppcheck-suppress operatorEqVarError; copy() assigns it
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): copy() takes the new reference first
   VRefCountedPointer& operator=(const VRefCountedPointer& other) {
     copy(other.m_object);
     return *this;
