@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "host/excerpt.h"
+
 /// Lines of text on a stream, which is not owned.
 struct _VNLog {
   FILE* stream;
@@ -24,6 +26,8 @@ struct _VNLog {
 
 namespace {
 
+using vnjs::host::Excerpt;
+using vnjs::host::kError;
 using vnjs::host::kInfo;
 using vnjs::host::kTrace;
 
@@ -84,7 +88,9 @@ std::string FormatLine(const _VNLog& log, const char* module, int level, std::st
 void Write(const _VNLog& log, const char* module, int level, std::string_view text) noexcept {
   if (IsAnnouncement(level, text)) level = kTrace;
   if (level < log.level) return;
-  const std::string line = FormatLine(log, module, level, text);
+  std::string message(text);
+  if (level >= kError) message += '\n' + Excerpt(message);
+  const std::string line = FormatLine(log, module, level, message);
   // In one call, so that lines of several threads do not mix. Nobody could be told of a failure.
   fwrite(line.data(), 1, line.size(), log.stream);
   fflush(log.stream);

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <thread>
 
+#include "host/excerpt.h"
+
 namespace vnjs::host {
 namespace {
 
@@ -35,7 +37,8 @@ bool Report(const RunResult& result, const std::string& source) {
     if (position.line > 0) text += ':' + std::to_string(position.line);
     if (position.line > 0 && position.column > 0) text += ':' + std::to_string(position.column);
   }
-  text += ": " + result.result() + '\n';
+  const std::string excerpt = Excerpt(text);
+  text += ": " + result.result() + '\n' + excerpt;
   fwrite(text.data(), 1, text.size(), stderr);
   return false;
 }
@@ -84,6 +87,7 @@ void Runner::WaitForDebugger() {
 bool Runner::RunFile(const std::string& path) { return Report(m_automation.RunFile(path.c_str()), path); }
 
 bool Runner::Evaluate(const std::string& code) {
+  KeepSource("eval", code);
   const RunResult result = m_automation.Run(code.c_str(), "eval");
   return Report(result, "eval") && PrintText(result.result() + '\n');
 }
