@@ -16,6 +16,8 @@
 #include <system_error>
 #include <vector>
 
+#include "host/check.h"
+#include "host/file_watch.h"
 #include "host/runner.h"
 
 namespace vnjs::host {
@@ -37,6 +39,7 @@ struct Options {
   double seconds = std::numeric_limits<double>::infinity();
   double timeout = std::numeric_limits<double>::infinity();
   bool threaded = false;
+  bool watch = false;
   bool quiet = false;
 
   /// Ports for debuggers; empty when not asked for.
@@ -107,6 +110,7 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
   run->add_option("--for", options.seconds, "End after this time, though timers are left")
       ->type_name("SECONDS")
       ->check(kIsSeconds);
+  run->add_flag("--watch", options.watch, "Run again, from nothing, when a file has changed");
   run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach; or --debug=PORT");
   run->add_flag("--debug-brk{9229}", options.debugBreakPort, "The same, and wait for one");
   AddCommonOptions(run, options);
@@ -114,6 +118,9 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
       "DIR is the first file's folder when not given; DIR/storage is made.\n"
       "Ends when no timer is left, on exit() and on Ctrl-C, which gives a script\n"
       "that is busy a second; a second Ctrl-C interrupts it at once.");
+
+  CLI::App* const check = app.add_subcommand("check", "Look for syntax errors and run nothing");
+  check->add_option("FILE", options.files, "Scripts")->type_name("")->required();
 
   CLI::App* const eval = app.add_subcommand("eval", "Run code, print its result and end");
   eval->add_option("CODE", options.code, "The code, put after -- when it begins with a dash")
@@ -164,27 +171,42 @@ ExitStatus RunFiles(Runner& runner, const Options& options) {
   return kFine;
 }
 
+ExitStatus CheckFiles(const Options& options) {
+  ExitStatus status = kFine;
+  for (const std::string& path : options.files) {
+    if (!CheckSyntax(path)) status = kFailed;
+  }
+  return status;
+}
+
 ExitStatus Execute(const CLI::App& app, const Options& options) {
   const int debugPort = ReadPort("--debug", options.debugPort);
   const int debugBreakPort = ReadPort("--debug-brk", options.debugBreakPort);
   for (const std::string& path : options.files) CheckFile(path);
+  if (app.got_subcommand("check")) return CheckFiles(options);
   const bool run = app.got_subcommand("run");
   const std::string storageDir = PrepareStorage(options);
   if (debugPort != 0 || debugBreakPort != 0)
     ListenForDebuggers(debugBreakPort != 0 ? debugBreakPort : debugPort);
-  Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded,
-                options.timeout);
-  ExitStatus status = kFine;
-  if (run) {
-    runner.StopOnSignals();
-    if (debugBreakPort != 0) runner.WaitForDebugger();
-    status = RunFiles(runner, options);
-  } else {
-    status = runner.Evaluate(options.code) ? kFine : kFailed;
+  if (run) Runner::StopOnSignals();
+  for (;;) {
+    FileWatch files(options.watch ? options.files : std::vector<std::string>());
+    Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded,
+                  options.timeout, files);
+    ExitStatus status = kFine;
+    if (run) {
+      if (debugBreakPort != 0) runner.WaitForDebugger();
+      status = RunFiles(runner, options);
+    } else {
+      status = runner.Evaluate(options.code) ? kFine : kFailed;
+    }
+    if (runner.IsTimedOut()) {
+      fprintf(stderr, "vnjs: not done after %g s\n", options.timeout);
+      status = kFailed;
+    }
+    if (!options.watch || !runner.WaitForChange()) return status;
+    fprintf(stderr, "vnjs: %s has changed\n", files.Changed().c_str());
   }
-  if (!runner.IsTimedOut()) return status;
-  fprintf(stderr, "vnjs: not done after %g s\n", options.timeout);
-  return kFailed;
 }
 
 ExitStatus Main(int argc, char** argv) {
@@ -193,7 +215,7 @@ ExitStatus Main(int argc, char** argv) {
   DescribeCommandLine(app, options);
   try {
     app.parse(argc, argv);
-    if (app.get_subcommands().empty()) throw CLI::RequiredError("run or eval");
+    if (app.get_subcommands().empty()) throw CLI::RequiredError("run, check or eval");
     return Execute(app, options);
   } catch (const CLI::ParseError& e) {
     std::ostringstream asked;

@@ -26,10 +26,11 @@ extern "C" void RequestStop(int) {
   signal(SIGTERM, SIG_DFL);
 }
 
-/// False for a failed script, whose text goes to standard error, after its place as far as that is known.
-bool Report(const RunResult& result, const std::string& source) {
+/// False for a failed script, whose text goes to standard error, after its place as far as that is known. That one was
+/// interrupted is no failure when the user `asked` for it.
+bool Report(const RunResult& result, const std::string& source, bool asked) {
   if (!result.isException()) return true;
-  if (stopSignals > 0 && result.result() == "Script execution was interrupted") return true;
+  if (asked && result.result() == "Script execution was interrupted") return true;
   const ScriptPosition position = result.position();
   std::string text = source;
   if (!position.source.empty()) {
@@ -45,8 +46,8 @@ bool Report(const RunResult& result, const std::string& source) {
 
 }  // namespace
 
-Runner::Runner(const std::string& storageDir, LogLevel level, bool threaded, double timeout)
-    : m_automation(storageDir.c_str()) {
+Runner::Runner(const std::string& storageDir, LogLevel level, bool threaded, double timeout, FileWatch& files)
+    : m_files(files), m_automation(storageDir.c_str()) {
   m_automation.SetLogger(vlog_create(stderr, level));
   if (threaded) m_automation.StartThread();
   m_watcher = std::thread(&Runner::Watch, this, timeout);
@@ -73,8 +74,10 @@ void Runner::Watch(double timeout) {
     const auto now = std::chrono::steady_clock::now();
     if (stopSignals == 0) lastWithoutSignal = now;
     if (Elapsed() >= timeout) m_timedOut = true;
+    const bool hasChanged = m_files.HasChanged();
     // More than once: when one script has ended, a callback may be the next that does not.
-    if (m_timedOut || stopSignals > 1 || now - lastWithoutSignal > kGrace) m_automation.Interrupt();
+    if (m_timedOut || hasChanged || stopSignals > 1 || now - lastWithoutSignal > kGrace)
+      m_automation.Interrupt();
   }
 }
 
@@ -84,12 +87,15 @@ void Runner::WaitForDebugger() {
   }
 }
 
-bool Runner::RunFile(const std::string& path) { return Report(m_automation.RunFile(path.c_str()), path); }
+bool Runner::RunFile(const std::string& path) {
+  const RunResult result = m_automation.RunFile(path.c_str());
+  return Report(result, path, stopSignals > 0 || m_files.HasChanged());
+}
 
 bool Runner::Evaluate(const std::string& code) {
   KeepSource("eval", code);
   const RunResult result = m_automation.Run(code.c_str(), "eval");
-  return Report(result, "eval") && PrintText(result.result() + '\n');
+  return Report(result, "eval", stopSignals > 0) && PrintText(result.result() + '\n');
 }
 
 void Runner::Pump(double seconds) {
@@ -99,7 +105,14 @@ void Runner::Pump(double seconds) {
   }
 }
 
-bool Runner::IsStopped() const { return stopSignals > 0 || m_timedOut || m_automation.IsTerminating(); }
+bool Runner::WaitForChange() const {
+  while (!m_files.HasChanged() && stopSignals == 0) std::this_thread::sleep_for(kStep);
+  return stopSignals == 0;
+}
+
+bool Runner::IsStopped() const {
+  return stopSignals > 0 || m_timedOut || m_files.HasChanged() || m_automation.IsTerminating();
+}
 
 double Runner::Elapsed() const {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "host/file_watch.h"
 #include "host/host_functions.h"
 
 namespace vnjs::host {
@@ -15,6 +16,7 @@ namespace vnjs::host {
 /// stop.
 ///
 /// Threads:  the main thread's only. With `threaded`, scripts run on the environment's worker.
+/// Changes:  when one of `files` has changed, what is running is interrupted, and nothing begins any more.
 /// Failures: a script that fails is reported on standard error, like a compiler does it; see each operation.
 /// Ending:   SIGINT and SIGTERM ask it to stop: no further script or callback begins, and what is running is
 ///           interrupted when it has not ended within a second, or at the second signal. A third one ends the
@@ -23,14 +25,14 @@ class Runner {
  public:
   /// What is running after `timeout` seconds is interrupted, and nothing begins any more. Throws VornException when
   /// there can be no context or no worker.
-  Runner(const std::string& storageDir, LogLevel level, bool threaded, double timeout);
+  Runner(const std::string& storageDir, LogLevel level, bool threaded, double timeout, FileWatch& files);
 
   ~Runner();
   Runner(const Runner&) = delete;
   Runner& operator=(const Runner&) = delete;
 
-  /// Lets SIGINT and SIGTERM stop it from now on. Once per process.
-  void StopOnSignals();
+  /// Lets SIGINT and SIGTERM stop this and all later ones from now on.
+  static void StopOnSignals();
 
   /// Waits for a debugger, so that the next script stops at its first statement, or until it was asked to stop.
   void WaitForDebugger();
@@ -46,7 +48,10 @@ class Runner {
   /// was asked to stop.
   void Pump(double seconds);
 
-  /// Whether a signal, the timeout or the script's own `exit()` asked for the end.
+  /// Waits until a file has changed. False when a signal came first.
+  bool WaitForChange() const;
+
+  /// Whether a signal, the timeout, a changed file or the script's own `exit()` asked for the end.
   bool IsStopped() const;
   bool IsTimedOut() const { return m_timedOut; }
 
@@ -56,6 +61,7 @@ class Runner {
 
   const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
   std::atomic<bool> m_timedOut{false};
+  FileWatch& m_files;
   Automation m_automation;
   std::atomic<bool> m_done{false};
   std::thread m_watcher;
