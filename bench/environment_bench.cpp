@@ -1,52 +1,28 @@
 // What an environment costs beside a bare isolate with a context: one more of them to its first result, and
 // the memory that one holds after 100,000 texts that it had never seen.
-//
-// Each measurement is a process of its own. There the library starts the engine as it does in any host, and
-// the raw contexts are without the library's extensions.
 #include <benchmark/benchmark.h>
-#include <vnjs/vnjs.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "bench/support/child.h"
 #include "bench/support/median.h"
 #include "bench/support/ratio_reporter.h"
-#include "bench/support/raw_environment.h"
+#include "bench/support/sides.h"
 
 namespace {
 
-using vnjs::Automation;
+using vnjs::bench::AddRow;
+using vnjs::bench::Clock;
 using vnjs::bench::Measurement;
+using vnjs::bench::Ours;
 using vnjs::bench::PrivateBytes;
-using vnjs::bench::RawEnvironment;
-using Clock = std::chrono::steady_clock;
+using vnjs::bench::Raw;
+using vnjs::bench::Require;
+using vnjs::bench::SecondsSince;
 
 constexpr int kMore = 20;
 constexpr int kTexts = 100000;
-
-struct Ours {
-  static void Start() {}
-  std::string Run(const char* code) { return automation.Run(code, "bench.js").result(); }
-  Automation automation{"."};
-};
-
-struct Raw {
-  static void Start() { vnjs::bench::StartEngine(); }
-  std::string Run(const char* code) { return environment.Run(code, "bench.js"); }
-  RawEnvironment environment;
-};
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-/// Ends the child, so that no row is made of wrong results.
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 /// One more beside a first one that started the engine, as the median of twenty that are all kept alive.
 template <typename Environment>
@@ -87,21 +63,10 @@ Measurement NewTexts() {
   const auto environment = std::make_unique<Environment>();
   std::string result;
   const Clock::time_point start = Clock::now();
-  for (const std::string& text : texts) result = environment->Run(text.c_str());
+  for (const std::string& text : texts) result = environment->Run(text);
   const double seconds = SecondsSince(start);
   Require(result == R"({"a":100040,"b":"text","c":[1,2,3]})");
   return {seconds / kTexts, static_cast<double>(PrivateBytes() - bytes)};
-}
-
-void AddRow(const char* name, int repetitions, Measurement (*measure)()) {
-  const auto body = [measure](benchmark::State& state) {
-    for (auto _ : state) vnjs::bench::MeasureInChild(state, measure);
-  };
-  benchmark::RegisterBenchmark(name, body)
-      ->Iterations(1)
-      ->Repetitions(repetitions)
-      ->UseManualTime()
-      ->Unit(benchmark::kMicrosecond);
 }
 
 }  // namespace

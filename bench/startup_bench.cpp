@@ -5,12 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "bench/support/ratio_reporter.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -63,11 +63,9 @@ BENCHMARK_CAPTURE(Eval, raw, {RAW_EVAL_PROGRAM, "1+1"})
 int main(int argc, char** argv) {
   // The program makes its "storage" where it stands.
   const std::filesystem::path original = std::filesystem::current_path();
-  std::string folder = (std::filesystem::temp_directory_path() / "vnjs-bench-XXXXXX").string();
-  if (mkdtemp(folder.data()) == nullptr) return 1;
-  std::filesystem::current_path(folder);
+  const vnjs::testing::TemporaryFolder folder;
+  std::filesystem::current_path(folder.path());
   const int status = vnjs::bench::RunBenchmarks(argc, argv, {{"Eval", 1.25}});
   std::filesystem::current_path(original);
-  std::filesystem::remove_all(folder);
   return status;
 }

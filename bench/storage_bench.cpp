@@ -14,26 +14,12 @@
 
 #include "bench/support/ratio_reporter.h"
 #include "bench/support/raw_environment.h"
+#include "tests/support/inside.h"
 
 namespace {
 
 using vnjs::Automation;
 using vnjs::bench::RawEnvironment;
-
-struct RawScope {
-  explicit RawScope(const RawEnvironment& raw)
-      : locker(raw.isolate()),
-        isolateScope(raw.isolate()),
-        handleScope(raw.isolate()),
-        context(raw.context().Get(raw.isolate())),
-        contextScope(context) {}
-
-  const v8::Locker locker;
-  const v8::Isolate::Scope isolateScope;
-  const v8::HandleScope handleScope;
-  const v8::Local<v8::Context> context;
-  const v8::Context::Scope contextScope;
-};
 
 /// A script variable and what is in it.
 struct Value {
@@ -57,16 +43,16 @@ bool Flush(const char* path, int flags) {
 }
 
 bool RawSave(const RawEnvironment& raw, const std::string& folder, const char* variable, bool flushFolder) {
-  const RawScope scope(raw);
+  const vnjs::testing::Inside inside(&raw);
   v8::Local<v8::String> name;
   v8::Local<v8::Value> value;
   v8::Local<v8::String> json;
-  if (!v8::String::NewFromUtf8(raw.isolate(), variable).ToLocal(&name) ||
-      !scope.context->Global()->Get(scope.context, name).ToLocal(&value) ||
-      !v8::JSON::Stringify(scope.context, value).ToLocal(&json)) {
+  if (!v8::String::NewFromUtf8(inside.isolate, variable).ToLocal(&name) ||
+      !inside.context->Global()->Get(inside.context, name).ToLocal(&value) ||
+      !v8::JSON::Stringify(inside.context, value).ToLocal(&json)) {
     return false;
   }
-  const v8::String::Utf8Value text(raw.isolate(), json);
+  const v8::String::Utf8Value text(inside.isolate, json);
   const auto length = static_cast<size_t>(text.length());
   const std::string path = folder + "raw.json";
   const std::string temporary = path + ".tmp";
@@ -78,7 +64,7 @@ bool RawSave(const RawEnvironment& raw, const std::string& folder, const char* v
 }
 
 bool RawLoad(const RawEnvironment& raw, const std::string& path) {
-  const RawScope scope(raw);
+  const vnjs::testing::Inside inside(&raw);
   const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat status {};
   if (fstat(file, &status) != 0) return false;
@@ -88,10 +74,10 @@ bool RawLoad(const RawEnvironment& raw, const std::string& path) {
   v8::Local<v8::String> json;
   v8::Local<v8::Value> value;
   return read &&
-         v8::String::NewFromUtf8(raw.isolate(), text.data(), v8::NewStringType::kNormal,
+         v8::String::NewFromUtf8(inside.isolate, text.data(), v8::NewStringType::kNormal,
                                  static_cast<int>(text.size()))
              .ToLocal(&json) &&
-         v8::JSON::Parse(scope.context, json).ToLocal(&value);
+         v8::JSON::Parse(inside.context, json).ToLocal(&value);
 }
 
 /// A row whose `work` does `count` operations; the time is that of one.

@@ -8,13 +8,12 @@
 #include <vnjs/vnjs.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "bench/support/ratio_reporter.h"
 #include "bench/support/raw_environment.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -25,22 +24,6 @@ constexpr size_t kOutputSize = 10 << 20;
 
 /// What system() reads at once.
 constexpr size_t kChunk = 256;
-
-/// A storage directory that allows every command and holds a file to print, for the time of the program.
-class Storage {
- public:
-  Storage() : m_path((std::filesystem::temp_directory_path() / "vnjs-bench-XXXXXX").string()) {
-    if (mkdtemp(m_path.data()) == nullptr) abort();
-    std::ofstream(m_path + "/.syscommands") << '\n';
-    std::ofstream(m_path + "/output") << std::string(kOutputSize, 'x');
-  }
-  ~Storage() { std::filesystem::remove_all(m_path); }
-
-  const std::string& path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
 
 /// Runs a shell command by posix_spawn and returns its output, read in pieces of at most `chunk` bytes. The
 /// status must be 0.
@@ -78,13 +61,13 @@ void AddOurs(const char* name, Automation& ours, std::string script, std::string
 
 void AddRaw(const char* name, RawEnvironment& raw, std::string command, size_t chunk) {
   benchmark::RegisterBenchmark(name, [&raw, command, chunk](benchmark::State& state) {
-    const v8::Locker locker(raw.isolate());
-    const v8::Isolate::Scope isolateScope(raw.isolate());
+    const v8::Locker locker(raw.GetIsolate());
+    const v8::Isolate::Scope isolateScope(raw.GetIsolate());
     for (auto _ : state) {
-      const v8::HandleScope handleScope(raw.isolate());
+      const v8::HandleScope handleScope(raw.GetIsolate());
       const std::string output = SpawnShell(command.c_str(), chunk);
       benchmark::DoNotOptimize(v8::String::NewFromUtf8(
-          raw.isolate(), output.data(), v8::NewStringType::kNormal, static_cast<int>(output.size())));
+          raw.GetIsolate(), output.data(), v8::NewStringType::kNormal, static_cast<int>(output.size())));
     }
   });
 }
@@ -92,7 +75,10 @@ void AddRaw(const char* name, RawEnvironment& raw, std::string command, size_t c
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Storage storage;
+  // A storage directory that allows every command and holds a file to print.
+  const vnjs::testing::TemporaryFolder storage;
+  storage.Write(".syscommands", "\n");
+  storage.Write("output", std::string(kOutputSize, 'x'));
   // The raw context comes first: a later one would hold the library's extensions too.
   vnjs::bench::StartEngine();
   RawEnvironment raw;
@@ -100,7 +86,7 @@ int main(int argc, char** argv) {
 
   AddOurs("system true/ours", ours, "system('true')[0]", "0");
   AddRaw("system true/raw", raw, "true", kChunk);
-  const std::string print = "cat " + storage.path() + "/output";
+  const std::string print = "cat " + storage.path() + "output";
   AddOurs("system 10 MB/ours", ours, "system('" + print + "')[1].length", std::to_string(kOutputSize));
   AddRaw("system 10 MB/raw", raw, print, kChunk);
   // No limit: it shows what the small chunks cost both others.

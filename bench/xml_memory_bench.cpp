@@ -6,52 +6,35 @@
 // peak is reached.
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
-#include <vnjs/vnjs.h>
 
-#include <chrono>
-#include <cmath>
 #include <cstdlib>
 #include <string>
 
-#include "bench/support/child.h"
 #include "bench/support/items_xml.h"
 #include "bench/support/ratio_reporter.h"
-#include "bench/support/raw_environment.h"
 #include "bench/support/raw_xml.h"
+#include "bench/support/sides.h"
+#include "tests/support/inside.h"
 
 namespace {
 
-using vnjs::Automation;
+using vnjs::bench::AddRow;
+using vnjs::bench::Clock;
 using vnjs::bench::ItemsXml;
 using vnjs::bench::Measurement;
-using vnjs::bench::RawEnvironment;
-using Clock = std::chrono::steady_clock;
+using vnjs::bench::Ours;
+using vnjs::bench::Raw;
+using vnjs::bench::Require;
+using vnjs::bench::SecondsSince;
 
 /// The most that a process may hold that makes and drops documents with a small heap.
 constexpr double kMostBytes = 120e6;
 constexpr char kSmallHeap[] = "--max-heap-size=64";
 
-struct Ours {
-  static void Start() {}
-  std::string Run(const std::string& code) { return automation.Run(code.c_str(), "bench.js").result(); }
-  Automation automation{"."};
-};
-
-struct Raw {
-  static void Start() { vnjs::bench::StartEngine(); }
-  std::string Run(const std::string& code) { return environment.Run(code.c_str(), "bench.js"); }
-  RawEnvironment environment;
+/// The raw side, with its own XML.
+struct RawWithXml : Raw {
   vnjs::bench::RawXml xml{environment};
 };
-
-/// Ends the child, so that no row is made of wrong results.
-void Require(bool condition) {
-  if (!condition) abort();
-}
-
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 double PeakBytes() {
   rusage usage{};
@@ -93,32 +76,15 @@ Measurement FindOne() {
       "; ++i) if (doc.findOne('//item[@id=' + i % 100 + ']').attributes.id == i % 100) ++found; found");
   const double seconds = SecondsSince(start);
   Require(found == std::to_string(count));
-  v8::Isolate* const isolate = environment.automation.GetEnvironment()->GetIsolate();
-  {
-    const v8::Locker locker(isolate);
-    const v8::Isolate::Scope isolateScope(isolate);
-    isolate->LowMemoryNotification();
-  }
+  vnjs::testing::Inside(environment.automation.GetEnvironment()).isolate->LowMemoryNotification();
   return {seconds / count, static_cast<double>(vnjs::bench::PrivateBytes())};
-}
-
-void AddRow(const char* name, int repetitions, Measurement (*measure)(), double mostBytes = HUGE_VAL) {
-  const auto body = [measure, mostBytes](benchmark::State& state) {
-    for (auto _ : state) vnjs::bench::MeasureInChild(state, measure);
-    if (state.counters["memory"] > mostBytes) state.SkipWithError("too much memory");
-  };
-  benchmark::RegisterBenchmark(name, body)
-      ->Iterations(1)
-      ->Repetitions(repetitions)
-      ->UseManualTime()
-      ->Unit(benchmark::kMicrosecond);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   AddRow("make and drop documents of 236 KB/ours", 3, MakeAndDrop<Ours>, kMostBytes);
-  AddRow("make and drop documents of 236 KB/raw", 3, MakeAndDrop<Raw>);
+  AddRow("make and drop documents of 236 KB/raw", 3, MakeAndDrop<RawWithXml>);
   AddRow("findOne 100,000 times/ours", 7, FindOne<150000>);
   AddRow("findOne 100,000 times/raw", 7, FindOne<50000>);
   return vnjs::bench::RunBenchmarks(

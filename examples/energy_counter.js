@@ -31,12 +31,14 @@ function report() {
   }
 }
 
-let reading = 0;
-const clock = setInterval(() => {
-  count(reading++);
-  if (reading < config.meters[0].watts.length) return;
+function next(reading) {
+  count(reading);
+  if (reading + 1 < config.meters[0].watts.length) {
+    setTimeout(() => next(reading + 1), READING_MS);
+  } else {
+    saveObject('energy counter', state);
+    report();
+  }
+}
 
-  clearInterval(clock);
-  saveObject('energy counter', state);
-  report();
-}, READING_MS);
+next(0);

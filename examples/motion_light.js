@@ -51,7 +51,7 @@ const EVENTS = [
   {at: 200, lux: 12},
   {at: 650, lux: 85},   // the light itself makes it bright
   {at: 1100, lux: 85},  // past the first timeout: only because of the restart is it still on
-  {at: 2100, lux: 10},  // after it went off
+  {at: 2300, lux: 10},  // after it went off
 ];
 
 for (const event of EVENTS) setTimeout(() => hall.motion(event.lux), event.at);

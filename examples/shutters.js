@@ -133,13 +133,15 @@ function control(now) {
   }
 }
 
-let hour = 6;
-const day = setInterval(() => {
+function pass(hour) {
   if ((hour - 6) % UPDATE_HOURS === 0) forecast.update(hour);
-  control(hour++);
-  if (hour < 22) return;
+  control(hour);
+  if (hour < 21) {
+    setTimeout(() => pass(hour + 1), HOUR_MS);
+  } else {
+    const moves = shutters.reduce((sum, shutter) => sum + shutter.moves, 0);
+    debugPrint('The day is over; the shutters moved', moves, 'times.');
+  }
+}
 
-  clearInterval(day);
-  const moves = shutters.reduce((sum, shutter) => sum + shutter.moves, 0);
-  debugPrint('The day is over; the shutters moved', moves, 'times.');
-}, HOUR_MS);
+pass(6);

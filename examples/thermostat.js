@@ -2,11 +2,11 @@
 //
 //     vnjs run examples/thermostat.js
 //
-// The heating goes on when the room is a little colder than wanted, and off when it is a little warmer. In
-// between it stays as it is: without that gap the relay would click at every tenth of a degree.
+// The heating goes on when the room is a little colder than wanted, and off when it is a little warmer. In between it
+// stays as it is: without that gap the relay would click at every tenth of a degree.
 //
-// The room is a small model, and a day passes in less than three seconds. At home, `room.temperature` would be read
-// from a sensor and `room.heating` would switch a relay; the thermostat itself would stay the same.
+// The room is a small model, and a day passes in less than three seconds. At home, `room.temperature` would be read from
+// a sensor and `room.heating` would switch a relay.
 'use strict';
 
 // What is wanted from which minute of the day on. The last entry also holds over midnight.
@@ -17,72 +17,47 @@ const SCHEDULE = [
   {from: 22 * 60 + 30, wanted: 16, name: 'night'},
 ];
 
-const GAP = 0.5;             // degrees above and below the wanted temperature
-const MINUTES_PER_STEP = 15;
-const STEP_MS = 25;          // real time of one step
+const GAP = 0.5;      // degrees above and below the wanted temperature
+const STEP = 15;      // minutes
+const STEP_MS = 25;   // real time of one step
 
-function periodAt(minute) {
-  const begun = SCHEDULE.filter((period) => period.from <= minute);
-  return begun.length > 0 ? begun[begun.length - 1] : SCHEDULE[SCHEDULE.length - 1];
-}
+const room = {temperature: 17, heating: false};
+let period;
+let switched = 0;
 
-function clockText(minute) {
+function say(minute, ...words) {
   const twoDigits = (n) => String(n).padStart(2, '0');
-  return twoDigits(Math.floor(minute / 60)) + ':' + twoDigits(minute % 60);
+  debugPrint(twoDigits(Math.floor(minute / 60)) + ':' + twoDigits(minute % 60), ...words);
 }
 
-// Loses warmth to the winter outside, wins some from the radiator.
-class Room {
-  constructor(temperature) {
-    this.temperature = temperature;
-    this.heating = false;
+// Says something only when something changes.
+function control(minute) {
+  const begun = SCHEDULE.filter(({from}) => from <= minute);
+  const now = begun[begun.length - 1] || SCHEDULE[SCHEDULE.length - 1];
+  if (now !== period) {
+    period = now;
+    say(minute, period.name + ': wanted', period.wanted.toFixed(1));
   }
-
-  pass(minutes) {
-    const outside = 2;
-    const perHour = (this.heating ? 2.6 : 0) - 0.06 * (this.temperature - outside);
-    this.temperature += perHour * minutes / 60;
-  }
-}
-
-class Thermostat {
-  constructor(room) {
-    this.room = room;
-    this.period = null;
-    this.switched = 0;
-  }
-
-  // Called at every step of the clock. Says something only when something changes.
-  control(minute) {
-    const period = periodAt(minute);
-    if (period !== this.period) {
-      this.period = period;
-      debugPrint(clockText(minute), period.name + ': wanted', period.wanted.toFixed(1));
-    }
-
-    const {temperature, heating} = this.room;
-    if (!heating && temperature < period.wanted - GAP) this.switchTo(true, minute);
-    if (heating && temperature > period.wanted + GAP) this.switchTo(false, minute);
-  }
-
-  switchTo(heating, minute) {
-    this.room.heating = heating;
-    this.switched++;
-    debugPrint(clockText(minute), 'heating', heating ? 'on' : 'off', 'at', this.room.temperature.toFixed(1));
+  const warm = room.temperature > period.wanted + (room.heating ? GAP : -GAP);
+  if (room.heating === warm) {
+    room.heating = !room.heating;
+    switched++;
+    say(minute, 'heating', room.heating ? 'on' : 'off', 'at', room.temperature.toFixed(1));
   }
 }
 
-const room = new Room(17);
-const thermostat = new Thermostat(room);
-let minute = 0;
+// The room loses warmth to the winter outside and wins some from the radiator.
+function pass(minute) {
+  control(minute);
+  const perHour = (room.heating ? 2.6 : 0) - 0.06 * (room.temperature - 2);
+  room.temperature += perHour * STEP / 60;
 
-const clock = setInterval(() => {
-  thermostat.control(minute);
-  room.pass(MINUTES_PER_STEP);
-  minute += MINUTES_PER_STEP;
-  if (minute < 24 * 60) return;
+  // An interval would call again and again even when nothing is left to do.
+  if (minute + STEP < 24 * 60) {
+    setTimeout(() => pass(minute + STEP), STEP_MS);
+  } else {
+    debugPrint('The day is over; the heating was switched', switched, 'times.');
+  }
+}
 
-  // With its last timer gone the automation has nothing left to do, and ends.
-  clearInterval(clock);
-  debugPrint('The day is over; the heating was switched', thermostat.switched, 'times.');
-}, STEP_MS);
+pass(0);

@@ -2,6 +2,8 @@
 
 #include <libplatform/libplatform.h>
 
+#include "tests/support/inside.h"
+
 namespace vnjs::bench {
 namespace {
 
@@ -39,20 +41,17 @@ RawEnvironment::~RawEnvironment() {
 }
 
 std::string RawEnvironment::Run(const char* code, const char* source) {
-  const v8::Locker locker(m_isolate);
-  const v8::Isolate::Scope isolateScope(m_isolate);
-  const v8::HandleScope handleScope(m_isolate);
-  const v8::Local<v8::Context> context = m_context.Get(m_isolate);
-  const v8::Context::Scope contextScope(context);
+  const testing::Inside inside(this);
   const v8::TryCatch tryCatch(m_isolate);
 
   v8::ScriptOrigin origin(m_isolate, v8::String::NewFromUtf8(m_isolate, source).ToLocalChecked());
   v8::Local<v8::Script> script;
   v8::Local<v8::Value> result;
   v8::Local<v8::String> json;
-  if (!v8::Script::Compile(context, v8::String::NewFromUtf8(m_isolate, code).ToLocalChecked(), &origin)
+  if (!v8::Script::Compile(inside.context, v8::String::NewFromUtf8(m_isolate, code).ToLocalChecked(), &origin)
            .ToLocal(&script) ||
-      !script->Run(context).ToLocal(&result) || !v8::JSON::Stringify(context, result).ToLocal(&json)) {
+      !script->Run(inside.context).ToLocal(&result) ||
+      !v8::JSON::Stringify(inside.context, result).ToLocal(&json)) {
     return "failed: " + TextOf(m_isolate, tryCatch.Exception());
   }
   return TextOf(m_isolate, json);

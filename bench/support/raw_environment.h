@@ -22,8 +22,10 @@ class RawEnvironment {
   /// JSON text, and the text of an exception after "failed: ".
   std::string Run(const char* code, const char* source);
 
-  v8::Isolate* isolate() const { return m_isolate; }
-  const v8::Global<v8::Context>& context() const { return m_context; }
+  v8::Isolate* GetIsolate() const { return m_isolate; }
+
+  /// Needs the isolate's scopes, as testing::Inside has them.
+  v8::Local<v8::Context> GetContext() const { return m_context.Get(m_isolate); }
 
  private:
   v8::Isolate* m_isolate;

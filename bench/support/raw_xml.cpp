@@ -9,6 +9,8 @@
 #include <memory>
 #include <vector>
 
+#include "tests/support/inside.h"
+
 namespace vnjs::bench {
 namespace {
 
@@ -230,12 +232,8 @@ v8::Local<v8::ObjectTemplate> NewAttributesTemplate(v8::Isolate* isolate) {
 }  // namespace
 
 RawXml::RawXml(const RawEnvironment& environment) : m_environment(environment) {
-  v8::Isolate* const isolate = environment.isolate();
-  const v8::Locker locker(isolate);
-  const v8::Isolate::Scope isolateScope(isolate);
-  const v8::HandleScope handleScope(isolate);
-  const v8::Local<v8::Context> context = environment.context().Get(isolate);
-  const v8::Context::Scope contextScope(context);
+  const testing::Inside inside(&environment);
+  v8::Isolate* const isolate = inside.isolate;
 
   auto shared = std::make_unique<Shared>();
   shared->pointerKey.Reset(isolate, v8::Private::New(isolate));
@@ -245,14 +243,14 @@ RawXml::RawXml(const RawEnvironment& environment) : m_environment(environment) {
   isolate->SetData(kSlot, shared.release());
 
   const v8::Local<v8::Function> constructor =
-      NewDocumentTemplate(isolate)->GetFunction(context).ToLocalChecked();
-  context->Global()
-      ->Set(context, v8::String::NewFromUtf8Literal(isolate, "VXmlDocument"), constructor)
+      NewDocumentTemplate(isolate)->GetFunction(inside.context).ToLocalChecked();
+  inside.context->Global()
+      ->Set(inside.context, v8::String::NewFromUtf8Literal(isolate, "VXmlDocument"), constructor)
       .Check();
 }
 
 RawXml::~RawXml() {
-  v8::Isolate* const isolate = m_environment.isolate();
+  v8::Isolate* const isolate = m_environment.GetIsolate();
   const v8::Locker locker(isolate);
   delete static_cast<Shared*>(isolate->GetData(kSlot));
   isolate->SetData(kSlot, nullptr);

@@ -1,410 +1,242 @@
 // The program vnjs: exit statuses, what goes to which stream, when a run ends, and command lines that are
 // refused.
-
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vnjs/process.h>
 
-#include <chrono>
+#include <algorithm>
+#include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "tests/support/script_test.h"
 
 namespace vnjs::testing {
 namespace {
 
-using ::testing::EndsWith;
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
-using ::testing::Not;
-using ::testing::StartsWith;
+namespace files = std::filesystem;
 
-const int kFine = 0;
-const int kFailed = 1;
-const int kWrongUsage = 2;
-
-/// One run of the program, in a folder that takes its two streams as files. Its arguments are those of a shell, which
-/// may redirect the streams. Killed when it outlives this object.
-class Program {
- public:
-  Program(const TemporaryFolder& folder, const std::string& arguments) : m_folder(folder) {
-    const std::string command =
-        "cd " + folder.path() + "; exec >.out 2>.err; exec " VNJS_PROGRAM " " + arguments;
-    folder.Write(".err", "");
-    m_pid = popen2(command.c_str(), nullptr, nullptr);
-    if (m_pid < 0) throw std::runtime_error("cannot start a shell");
-  }
-  ~Program() {
-    if (Ended()) return;
-    Signal(SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-  }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
-  void Signal(int signal) const { kill(m_pid, signal); }
-
-  bool Ended() {
-    if (!m_ended && waitpid(m_pid, &m_status, WNOHANG) == m_pid) m_ended = true;
-    return m_ended;
-  }
-
-  /// The exit status, or minus the signal that killed it.
-  int Wait() {
-    EXPECT_TRUE(WaitUntil([this] { return Ended(); })) << "still running\n" << Err();
-    if (!m_ended) return -SIGKILL;
-    return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : -WTERMSIG(m_status);
-  }
-
-  bool HasThread(const std::string& name) const {
-    const std::string tasks = "/proc/" + std::to_string(m_pid) + "/task";
-    for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-      std::string comm;
-      std::getline(std::ifstream(task.path() / "comm"), comm);
-      if (comm == name) return true;
-    }
-    return false;
-  }
-
-  void WaitUntilReady() {
-    EXPECT_TRUE(WaitUntil([&] { return Err().find("ready") != std::string::npos; }));
-  }
-
-  std::string Out() const { return m_folder.Read(".out"); }
-  std::string Err() const { return m_folder.Read(".err"); }
-
-  /// The messages of the log, without time, level and module.
-  std::string Messages() const {
-    return std::regex_replace(Err(), std::regex(R"((^|\n)\d\d:\d\d:\d\d\.\d{3} \w+ +core +)"), "$1");
-  }
-
- private:
-  const TemporaryFolder& m_folder;
-  pid_t m_pid = -1;
-  int m_status = 0;
-  bool m_ended = false;
-};
-
+/// Commands of a shell for which `vnjs` is the program, in a folder that takes their two streams as files.
 class CliTest : public ::testing::Test {
  protected:
-  /// A run that has ended.
-  struct Outcome {
-    int status;
-    std::string out;
-    std::string err;
-    std::string messages;
-  };
+  /// `signalled SIGNAL ARGUMENTS` runs the program until it has printed that it is ready, then signals it once or, with
+  /// "again" for a SIGNAL, until it ends.
+  CliTest() {
+    folder.Write("prelude", "vnjs() { " VNJS_PROGRAM R"( "$@"; }
+      signalled() {
+        signal=$1; shift; )" VNJS_PROGRAM R"( "$@" &
+        until grep -q ready .err; do sleep 0.02; done
+        grep -hs vorn/core /proc/$!/task/*/comm
+        if [ $signal = again ]; then while kill -INT $!; do sleep 0.02; done 2>/dev/null; else kill -$signal $!; fi
+        wait $!; })");
+  }
 
-  Outcome Vnjs(const std::string& arguments) {
-    Program program(folder, arguments);
-    const int status = program.Wait();
-    return {status, program.Out(), program.Err(), program.Messages()};
+  /// Its exit status.
+  int Shell(const std::string& command) {
+    folder.Write("command", "cd " + folder.path() + "; exec >.out 2>.err; . ./prelude; " + command);
+    return WEXITSTATUS(system(("timeout -k 1 60 sh " + folder.path() + "command").c_str()));
+  }
+
+  /// Runs the rows of a table: `ARGUMENTS ==> STATUS OUT || MESSAGES`, the texts without their last line's end and with
+  /// a "\n" for others. The lines above a row are what a.js has from there on.
+  void RunTable(const std::string& table, const std::string& more = "") {
+    const std::regex pattern(R"( *(.*?) *==> (\d) ?(.*?)(?: ?\|\| (.*))?)");
+    std::istringstream lines(table);
+    std::string script;
+    for (std::string line; std::getline(lines, line);) {
+      std::smatch row;
+      if (!std::regex_match(line, row, pattern)) {
+        if (line.find_first_not_of(' ') != std::string::npos)
+          script += line.substr(line.find_first_not_of(' ')) + '\n';
+        continue;
+      }
+      if (!script.empty()) folder.Write("a.js", std::exchange(script, ""));
+      EXPECT_EQ(Shell("vnjs " + row.str(1) + more), std::stoi(row.str(2))) << row.str();
+      EXPECT_EQ(folder.Read(".out"), Lines(row.str(3))) << row.str();
+      EXPECT_EQ(Messages(), Lines(row.str(4))) << row.str();
+    }
+  }
+
+  /// Standard error without the times and modules of the log, and without the usual hint.
+  std::string Messages() const {
+    const std::regex place(R"(\d\d:\d\d:\d\d\.\d{3} (\w+) +core +)");
+    const std::regex hint("Run with --help for more information.\n");
+    return std::regex_replace(std::regex_replace(folder.Read(".err"), place, "$1 "), hint, "");
   }
 
   TemporaryFolder folder;
+
+ private:
+  static std::string Lines(const std::string& text) {
+    return text.empty() ? "" : std::regex_replace(text, std::regex(R"(\\n)"), "\n") + '\n';
+  }
 };
 
-TEST_F(CliTest, EvalPrintsTheResultText) {
-  const std::pair<const char*, std::string> cases[] = {
-      {"1+1", "2\n"},
-      {"\"'a'\"", "\"a\"\n"},
-      {"''", "undefined\n"},
-      // Texts that mean something to a parser of command lines.
-      {"{}", "undefined\n"},
-      {"'[1,2]'", "[1,2]\n"},
-      {"%%=1 --quiet", ""},
-      {"-- -1", "-1\n"},
-      {"'var run = 1; run'", "1\n"},
-      {"--threaded '6*7'", "42\n"},
-      {"'setInterval(function () {}, 25)'", "1\n"},
-      {"'debugPrint(1); 3'", "3\n"},
-      {"'\"x\".repeat(1 << 20)'", '"' + std::string(1 << 20, 'x') + "\"\n"},
-  };
-  for (const auto& [code, out] : cases) {
-    const Outcome outcome = Vnjs(std::string("eval ") + code);
-    EXPECT_TRUE(outcome.out == out) << code << "\n" << outcome.out.substr(0, 200) << outcome.err;
-    EXPECT_EQ(outcome.status, out.empty() ? kFailed : kFine) << code;
+TEST_F(CliTest, RunsFilesOnTheMainThreadAndOnTheWorker) {
+  folder.Write("b.js", "n += 22; debugPrint('b', executeFile('c.js')); setTimeout(later, 30);");
+  folder.Write("c.js", "n");
+  folder.Write("after.js", "debugPrint('after');\n0;");
+  for (const char* more : {"", " --threaded"}) {
+    const char* const table = R"(
+      var n = 20; function later() { debugPrint('later', n); }
+      run a.js b.js                        ==> 0 || info b 42\ninfo later 42
+      // Ends when nothing is left to do, on exit() and after the given time.
+      var n = 0, id = setInterval(() => { if (++n == 2) { clearInterval(id); setTimeout(last, 0); } }, 25);
+      function last() { Promise.resolve().then(() => debugPrint('last', n)); }
+      run a.js                             ==> 0 || info last 2
+      setInterval(() => {}, 25); exit(); debugPrint('still');
+      run a.js after.js                    ==> 0 || info still
+      setInterval(() => { exit(); debugPrint('still'); }, 25);
+      run a.js                             ==> 0 || info still
+      setInterval(() => {}, 25); setTimeout(() => debugPrint('late'), 300);
+      run a.js --for 0.6                   ==> 0 || info late
+      run a.js --quiet --timeout 0.3       ==> 1 || vnjs: not done after 0.3 s
+      // A failed script is reported with its place and ends the run; a callback that fails does not.
+      throw new Error('no');
+      run --quiet a.js after.js            ==> 1 || a.js:2:1: Uncaught Error: no\n2 | throw new Error('no');\n  | ^
+      eval('none')
+      run --quiet a.js after.js            ==> 1 || a.js: Uncaught ReferenceError: none is not defined
+      for (;;) {}
+      run --quiet --timeout 0.3 a.js       ==> 1 || a.js:1:1: Script execution was interrupted\n1 | for (;;) {}\n  | ^\nvnjs: not done after 0.3 s
+      setTimeout(() => { for (;;) {} }, 1)
+      run --quiet --timeout 0.3 a.js       ==> 1 || vnjs: not done after 0.3 s
+      setTimeout(async () => { none; }, 0)
+      run a.js                             ==> 0 || error Unhandled promise rejection: ReferenceError: none is not defined\n                               at AsyncFunction.<anonymous> (a.js:1:26)\n                           1 | setTimeout(async () => { none; }, 0)\n                             |                          ^
+      debugPrint('note'); setTimeout(() => { throw 1; }, 0)
+      run a.js --timeout 60                ==> 0 || info note\nerror Callback execution error: Uncaught 1
+      run after.js --log trace             ==> 0 || trace Executing script: debugPrint('after'); ...\ninfo after
+      run a.js --log warning               ==> 0 || error Callback execution error: Uncaught 1
+      run a.js --log error                 ==> 0 || error Callback execution error: Uncaught 1
+      run a.js --log none                  ==> 0
+    )";
+    RunTable(table, more);
   }
 }
 
-TEST_F(CliTest, FilesShareOneEnvironmentThatLogsToStandardError) {
-  folder.Write("a.js", "var n = 20; function later() { debugPrint('later', n); }");
-  folder.Write("b.js", "n += 22; debugPrint('b', executeFile('c.js')); setTimeout(later, 30);");
-  folder.Write("c.js", "n");
-  for (const char* arguments : {"run a.js b.js", "run --threaded a.js b.js"}) {
-    const Outcome outcome = Vnjs(arguments);
-    EXPECT_EQ(outcome.status, kFine);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.messages, "b 42\nlater 42\n");
+TEST_F(CliTest, EndsOnSignals) {
+  for (const std::string threaded : {"", " --threaded"}) {
+    const auto expect = [&](const std::string& signal, int status, const char* script) {
+      folder.Write("a.js", script);
+      EXPECT_EQ(Shell("signalled " + signal + " run a.js" + threaded), status) << script;
+      EXPECT_EQ(folder.Read(".out"), threaded.empty() ? "" : "vorn/core\n")
+          << "scripts run on the wrong thread";
+    };
+    expect("INT", 0, "setInterval(() => {}, 25); debugPrint('ready');");
+    expect("TERM", 0, "setInterval(() => {}, 25); debugPrint('ready');");
+    EXPECT_EQ(Messages(), "info ready\n");
+    expect("TERM", 0, "setInterval(() => { for (;;) {} }, 5); debugPrint('ready'); for (;;) {}");
+#ifndef __SANITIZE_THREAD__  // It keeps signals back while a thread does not call it.
+    expect("again", 128 + SIGINT,
+           "debugPrint('ready'); Array.prototype.indexOf.call({length: 2 ** 53 - 1}, 1);");
+#endif
+  }
+}
+
+TEST_F(CliTest, EvalPrintsTheResultText) {
+  RunTable(R"(
+    eval "'a'"                             ==> 0 "a"
+    eval {}                                ==> 0 undefined
+    eval '[1,2]'                           ==> 0 [1,2]
+    eval -- -1                             ==> 0 -1
+    eval 'var run = 1; run'                ==> 0 1
+    eval --threaded '6*7'                  ==> 0 42
+    eval 'setInterval(function () {}, 25)' ==> 0 1
+    eval 'debugPrint(1); 3'                ==> 0 3 || info 1
+    eval --quiet '1 + x'                   ==> 1 || eval:1:5: Uncaught ReferenceError: x is not defined\n1 | 1 + x\n  |     ^
+    eval 1 >/dev/full                      ==> 1 || vnjs: cannot write to standard output: No space left on device
+    --version >/dev/full                   ==> 1 || vnjs: cannot write to standard output: No space left on device
+  )");
+  for (const std::string arguments : {"--version", "run --help", "eval --help", "--help"}) {
+    EXPECT_EQ(Shell("vnjs " + arguments), 0);
+    EXPECT_EQ(Messages(), "");
+    EXPECT_THAT(folder.Read(".out"), MatchesRegex("(vnjs 1|Run)(.|\n)+")) << arguments;
+    EXPECT_THAT(folder.Read(".out"), Not(MatchesRegex("(.|\n)*[^\n]{81}(.|\n)*"))) << "wider than a terminal";
   }
 }
 
 TEST_F(CliTest, RefusesWhatCannotBeDoneBeforeAnythingRuns) {
-  folder.Write("a.js", "debugPrint('ran');");
   folder.Write("file", "");
-  std::filesystem::create_directory(folder.path() + "dir");
-  const std::pair<std::string, const char*> cases[] = {
-      {"", "vnjs: run or eval is required\n"},
-      {"run", "FILE is required"},
-      {"eval", "CODE is required"},
-      {"run a.js --loud", "not expected: --loud"},
-      {"run a.js --log loud", "--log: 'loud' is none of trace, info, warning, error, none"},
-      {"run a.js --for soon", "--for: 'soon' is not a number of seconds"},
-      {"run a.js --for 1s", "--for: '1s' is not a number of seconds"},
-      {"run a.js --for nan", "--for: 'nan' is not a number of seconds"},
-      {"run a.js --for -1", "--for: '-1' is not a number of seconds"},
-      {"run a.js --debug=0", "--debug: '0' is not a port"},
-      {"run a.js --debug-brk=65536", "--debug-brk: '65536' is not a port"},
-      {"eval 1 --for 1", "not expected: 1 --for"},
-      {"run a.js --storage ''", "--storage: must not be empty"},
-      {"run a.js --storage file", "vnjs: cannot make the folder file/storage: Not a directory\n"},
-      {"run a.js missing.js", "vnjs: missing.js: No such file or directory\n"},
-      {"run a.js dir", "vnjs: dir: Is a directory\n"},
-      {"run a.js " + std::string(5000, 'x'), "xxx: File name too long\n"},
-  };
-  for (const auto& [arguments, text] : cases) {
-    const Outcome outcome = Vnjs(arguments);
-    EXPECT_EQ(outcome.status, kWrongUsage) << text;
-    EXPECT_EQ(outcome.out, "") << text;
-    EXPECT_THAT(outcome.err,
-                AllOf(StartsWith("vnjs: "), HasSubstr(text), Not(EndsWith("\n\n")), Not(HasSubstr("ran"))));
-  }
-  EXPECT_FALSE(std::filesystem::exists(folder.path() + "storage"));
+  files::create_directory(folder.path() + "dir");
+  RunTable(R"(
+    debugPrint('ran')
+                                           ==> 2 || vnjs: run, check or eval is required
+    run                                    ==> 2 || vnjs: FILE is required
+    run a.js --loud                        ==> 2 || vnjs: The following argument was not expected: --loud
+    run a.js --log loud                    ==> 2 || vnjs: --log: 'loud' is none of trace, info, warning, error, none
+    run a.js --for 1s                      ==> 2 || vnjs: --for: '1s' is not a number of seconds
+    run a.js --for nan                     ==> 2 || vnjs: --for: 'nan' is not a number of seconds
+    run a.js --debug=0                     ==> 2 || vnjs: --debug: '0' is not a port
+    run a.js --debug-brk=65536             ==> 2 || vnjs: --debug-brk: '65536' is not a port
+    eval 1 --for 1                         ==> 2 || vnjs: The following arguments were not expected: 1 --for
+    run a.js --storage ''                  ==> 2 || vnjs: --storage: must not be empty
+    run a.js --storage file                ==> 2 || vnjs: cannot make the folder file/storage: Not a directory
+    run a.js missing.js                    ==> 2 || vnjs: missing.js: No such file or directory
+    run a.js dir                           ==> 2 || vnjs: dir: Is a directory
+  )");
+  EXPECT_FALSE(files::exists(folder.path() + "storage"));
 }
 
-TEST_F(CliTest, PrintsHelpAndVersionOnStandardOutput) {
-  for (const auto& [arguments, text] : {std::pair("--version", "vnjs 1."),
-                                        {"run --version", "vnjs 1."},
-                                        {"eval --version", "vnjs 1."},
-                                        {"--help", "Exit status:"},
-                                        {"run --help", "--for"},
-                                        {"eval --help", "--threaded"}}) {
-    const Outcome outcome = Vnjs(arguments);
-    EXPECT_EQ(outcome.status, kFine);
-    EXPECT_THAT(outcome.out, HasSubstr(text));
-    EXPECT_THAT(outcome.out, Not(MatchesRegex("(.|\n)*[^\n]{81}(.|\n)*"))) << "wider than a terminal";
-    EXPECT_EQ(outcome.err, "");
-  }
-}
-
-TEST_F(CliTest, AFailedScriptIsReportedWithItsPlaceAndEndsTheRun) {
-  folder.Write("after.js", "debugPrint('after');");
-  folder.Write("nested.js", "\n\n  missing();");
-  const std::pair<const char*, const char*> cases[] = {
-      {"\n  throw new Error('no');", "bad.js:2:3: Uncaught Error: no\n"},
-      {"\neval('none')", "bad.js: Uncaught ReferenceError: none is not defined\n"},
-      {"var a =\n= 1;",
-       "bad.js:2:1: JavaScript compilation error: Uncaught SyntaxError: Unexpected token '='\n"},
-      {"\nexecuteFile('nested.js');",
-       "bad.js:2:1: Uncaught Error: Uncaught ReferenceError: missing is not defined\n"},
-  };
-  for (const auto& [code, err] : cases) {
-    folder.Write("bad.js", code);
-    for (const char* arguments : {"run --quiet bad.js after.js", "run --quiet --threaded bad.js after.js"}) {
-      const Outcome outcome = Vnjs(arguments);
-      EXPECT_EQ(outcome.status, kFailed) << code;
-      EXPECT_EQ(outcome.err, err);
-      EXPECT_EQ(outcome.out, "");
-    }
-  }
-  EXPECT_THAT(Vnjs("run bad.js after.js").err, Not(HasSubstr("after")));
-  EXPECT_EQ(Vnjs("eval --quiet '1 +\n x'").err, "eval:2:2: Uncaught ReferenceError: x is not defined\n");
-}
-
-TEST_F(CliTest, LogLevels) {
-  folder.Write("a.js",
-               "debugPrint('note');\n"
-               "try { executeJS('('); } catch (e) {}\n"
-               "setTimeout(function () { throw new Error('late'); }, 0);");
-  const std::pair<const char*, const char*> texts[] = {
-      {"trace", "trace   core  Executing script: debugPrint('note'); ...\n"},
-      {"info", "info    core  note\n"},
-      {"error", "error   core  JavaScript compilation error at "},
-      {"error", "error   core  Callback execution error: Error: late\n"},
-  };
-  for (const auto& [options, levels] : {std::pair("", "info error"),
-                                        {"--log trace", "trace info error"},
-                                        {"--log info", "info error"},
-                                        {"--log warning", "error"},
-                                        {"--log error", "error"},
-                                        {"--log none", ""},
-                                        {"--quiet", ""}}) {
-    const Outcome outcome = Vnjs(std::string("run a.js ") + options);
-    EXPECT_EQ(outcome.status, kFine) << "errors of callbacks do not end a run";
-    for (const auto& [level, text] : texts) {
-      const bool isShown = outcome.err.find(text) != std::string::npos;
-      EXPECT_EQ(isShown, std::string(levels).find(level) != std::string::npos) << options << "\n"
-                                                                               << outcome.err;
-    }
-  }
-}
-
-TEST_F(CliTest, LogLinesHaveATimeAndStandInColumns) {
-  const Outcome outcome = Vnjs(R"(eval 'debugPrint("one\ntwo\n")')");
-  const std::string indent(12 + 1 + 7 + 1 + 5 + 1, ' ');
-  EXPECT_THAT(outcome.err, MatchesRegex("[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3} info    core  one\n" +
-                                        indent + "two\n"));
-}
-
-TEST_F(CliTest, ColoursOnATerminalOnly) {
+TEST_F(CliTest, LogLinesStandInColumnsAndHaveColoursOnATerminal) {
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
   ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
   const std::string name = ptsname(terminal);
   // Held open so that what the program wrote is still there after its end.
   const int other = open(name.c_str(), O_RDWR | O_NOCTTY);
-  ASSERT_GE(other, 0);
-  const std::string note = "eval 'debugPrint(\"note\")'";
-  const auto shown = [&] {
-    EXPECT_EQ(Vnjs(note + " 2>" + name).status, kFine);
-    pollfd written = {terminal, POLLIN, 0};
-    char text[1000];
-    const ssize_t length = poll(&written, 1, 5000) == 1 ? read(terminal, text, sizeof text) : 0;
-    return std::string(text, length > 0 ? static_cast<size_t>(length) : 0);
-  };
-  unsetenv("NO_COLOR");
-  EXPECT_THAT(shown(), HasSubstr("\033[36minfo   \033[0m core  note"));
-  setenv("NO_COLOR", "1", 1);
-  EXPECT_THAT(shown(), Not(HasSubstr("\033")));
-  unsetenv("NO_COLOR");
-  EXPECT_THAT(Vnjs(note).err, Not(HasSubstr("\033")));
+  Shell(R"(unset NO_COLOR; for to in .err )" + name + R"(; do vnjs eval 'debugPrint("one\ntwo\n")' 2>$to; done
+           NO_COLOR=1 vnjs eval 'debugPrint("three")' 2>)" +
+        name);
+  const std::string time = "[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}";
+  const std::string indent(12 + 1 + 7 + 1 + 5 + 1, ' ');
+  EXPECT_THAT(folder.Read(".err"), MatchesRegex(time + " info    core  one\n" + indent + "two\n"));
+  char text[1000];
+  std::string shown;
+  for (pollfd written = {terminal, POLLIN, 0}; poll(&written, 1, 100) == 1;)
+    shown.append(text, static_cast<size_t>(std::max<ssize_t>(0, read(terminal, text, sizeof text))));
+  EXPECT_THAT(shown, HasSubstr(" \033[36minfo   \033[0m core  one\r\n" + indent + "two\r\n"));
+  EXPECT_THAT(shown, HasSubstr(" info    core  three\r\n"));
   close(other);
   close(terminal);
 }
 
-/// Both ways of running: scripts on the main thread, and on the worker.
-class CliRunTest : public CliTest, public ::testing::WithParamInterface<const char*> {
- protected:
-  std::string Run(const std::string& code, const std::string& more = "") {
-    folder.Write("a.js", code);
-    return std::string("run a.js ") + more + GetParam();
-  }
-};
-
-TEST_P(CliRunTest, EndsWhenNothingIsLeftToDo) {
-  const Outcome outcome = Vnjs(Run(
-      "var n = 0;\n"
-      "var id = setInterval(function () { if (++n == 2) { clearInterval(id); setTimeout(last, 0); } }, 25);\n"
-      "function last() { Promise.resolve().then(function () { debugPrint('last', n); }); }"));
-  EXPECT_EQ(outcome.status, kFine);
-  EXPECT_EQ(outcome.messages, "last 2\n");
-}
-
-TEST_P(CliRunTest, EndsOnExitWhateverIsLeft) {
-  folder.Write("after.js", "debugPrint('after');");
-  for (const char* code : {"setInterval(function () {}, 25); exit(); debugPrint('still in the script');",
-                           "setInterval(function () { exit(); debugPrint('still in the script'); }, 25);"}) {
-    const Outcome outcome = Vnjs(Run(code));
-    EXPECT_EQ(outcome.status, kFine);
-    EXPECT_EQ(outcome.messages, "still in the script\n");
-  }
-  EXPECT_EQ(Vnjs(Run("exit();", "after.js")).err, "");
-}
-
-TEST_P(CliRunTest, EndsAfterTheGivenTime) {
-  const auto start = std::chrono::steady_clock::now();
-  const Outcome outcome = Vnjs(Run("setInterval(function () {}, 25)", "--for 0.3"));
-  EXPECT_EQ(outcome.status, kFine);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-  EXPECT_EQ(outcome.err, "");
-}
-
-TEST_P(CliRunTest, EndsCleanlyOnASignal) {
-  for (const int signal : {SIGINT, SIGTERM}) {
-    Program program(folder, Run("setInterval(function () {}, 25); debugPrint('ready');"));
-    program.WaitUntilReady();
-    EXPECT_EQ(program.HasThread("vorn/core"), *GetParam() != '\0') << "scripts run on the wrong thread";
-    program.Signal(signal);
-    EXPECT_EQ(program.Wait(), kFine);
-    EXPECT_EQ(program.Messages(), "ready\n");
-  }
-}
-
-TEST_P(CliRunTest, ASignalInterruptsABusyScript) {
-  Program program(folder,
-                  Run("setInterval(function () { for (;;) {} }, 5); debugPrint('ready'); for (;;) {}"));
-  program.WaitUntilReady();
-  program.Signal(SIGTERM);
-  EXPECT_EQ(program.Wait(), kFine);
-}
-
-TEST_P(CliRunTest, AThirdSignalEndsWhatCannotBeInterrupted) {
-#ifdef __SANITIZE_THREAD__
-  GTEST_SKIP() << "ThreadSanitizer keeps signals back while a thread does not call it";
-#endif
-  Program program(folder,
-                  Run("debugPrint('ready'); Array.prototype.indexOf.call({length: 2 ** 53 - 1}, 1);"));
-  program.WaitUntilReady();
-  EXPECT_TRUE(WaitUntil([&] { return program.Signal(SIGINT), program.Ended(); }));
-  EXPECT_EQ(program.Wait(), -SIGINT);
-}
-
-TEST_P(CliRunTest, FailsWhenItIsNotDoneInTime) {
-  for (const char* code :
-       {"for (;;) {}", "setTimeout(function () { for (;;) {} }, 1)", "setInterval(function () {}, 25)"}) {
-    const Outcome outcome = Vnjs(Run(code, "--timeout 0.3"));
-    EXPECT_EQ(outcome.status, kFailed) << code;
-    EXPECT_THAT(outcome.err, EndsWith("vnjs: not done after 0.3 s\n"));
-  }
-  EXPECT_EQ(Vnjs(Run("1", "--timeout 60")).status, kFine);
-  const Outcome outcome = Vnjs("eval --quiet --timeout 0.3 'for (;;);'");
-  EXPECT_EQ(outcome.status, kFailed);
-  EXPECT_EQ(outcome.err, "eval:1:1: Script execution was interrupted\nvnjs: not done after 0.3 s\n");
-}
-
-INSTANTIATE_TEST_SUITE_P(, CliRunTest, ::testing::Values("", " --threaded"), [](const auto& test) {
-  return std::string(*test.param == '\0' ? "OnTheMainThread" : "OnTheWorker");
-});
-
 TEST_F(CliTest, MakesTheStorageFolder) {
-  std::filesystem::create_directory(folder.path() + "scripts");
+  files::create_directory(folder.path() + "scripts");
   folder.Write("scripts/a.js", "1");
-  for (const auto& [arguments, made] : {std::pair("run scripts/a.js", "scripts/storage"),
-                                        {"run scripts/a.js --storage new/deep/", "new/deep/storage"},
-                                        {"eval 1", "storage"},
-                                        {"eval 1 --storage of/eval", "of/eval/storage"}}) {
-    EXPECT_FALSE(std::filesystem::exists(folder.path() + made)) << made;
-    EXPECT_EQ(Vnjs(arguments).status, kFine);
-    EXPECT_EQ(Vnjs(arguments).status, kFine) << "again, with the folder there";
-    EXPECT_TRUE(std::filesystem::is_directory(folder.path() + made)) << made;
-  }
-  EXPECT_EQ(Vnjs("eval 'executeFile(\"a.js\")' --storage scripts").out, "\"1\"\n");
+  RunTable(R"(
+    run scripts/a.js && ls scripts         ==> 0 a.js\nstorage
+    run scripts/a.js && ls scripts         ==> 0 a.js\nstorage
+    run scripts/a.js --storage new/deep/ && ls new/deep ==> 0 storage
+    eval 1 && ls -d storage                ==> 0 1\nstorage
+    eval 'executeFile("a.js")' --storage scripts ==> 0 "1"
+  )");
 }
 
-TEST_F(CliTest, SaysSoWhenTheResultCannotBeWritten) {
-  for (const char* arguments : {"eval 1 >/dev/full", "--version >/dev/full"}) {
-    const Outcome outcome = Vnjs(arguments);
-    EXPECT_EQ(outcome.status, kFailed);
-    EXPECT_EQ(outcome.err, "vnjs: cannot write to standard output: No space left on device\n");
-  }
+TEST_F(CliTest, ChecksSyntaxAndRunsNothing) {
+  folder.Write("fine.js", "debugPrint('ran'); none();");
+  RunTable(R"(
+    let a; let ä = 'ö🎉', a;
+    check a.js fine.js                     ==> 1 || a.js:1:23: Uncaught SyntaxError: Identifier 'a' has already been declared\n1 | let a; let ä = 'ö🎉', a;\n  |                      ^
+    check fine.js                          ==> 0
+    check fine.js missing.js               ==> 2 || vnjs: missing.js: No such file or directory
+  )");
 }
 
-TEST_F(CliTest, TheExamplesRun) {
-  const std::string examples = (std::filesystem::path(__FILE__).parent_path() / "../../examples/").string();
-  const Outcome together =
-      Vnjs("run --storage . " + examples + "thermostat.js " + examples + "motion_light.js");
-  EXPECT_EQ(together.status, kFine);
-  EXPECT_THAT(together.messages, HasSubstr("hall: motion again, waiting anew\n"));
-  EXPECT_THAT(together.messages, HasSubstr("The day is over; the heating was switched 14 times.\n"));
-
-  const std::string shutters = "run --storage . " + examples + "shutters.js";
-  const std::string without = Vnjs(shutters).messages;
-  EXPECT_THAT(without,
-              StartsWith("06:00 forecast not usable: Failed to open file: ./forecast.xml No such file"));
-  EXPECT_THAT(without, EndsWith("The day is over; the shutters moved 0 times.\n"));
-  std::filesystem::copy(examples + "forecast.xml", folder.path());
-  const Outcome outcome = Vnjs(shutters);
-  EXPECT_EQ(outcome.status, kFine);
-  EXPECT_THAT(outcome.messages,
-              HasSubstr("14:00 forecast not usable: XML error at line 10, col 11: Premature end"));
-  EXPECT_THAT(outcome.messages, EndsWith("The day is over; the shutters moved 8 times.\n"));
+TEST_F(CliTest, RunsAgainWhenAFileHasChanged) {
+  folder.Write("a.js", "debugPrint('one'); for (;;) {}");
+  EXPECT_EQ(Shell(VNJS_PROGRAM R"sh( run --watch a.js &
+    until grep -q one .err; do sleep 0.02; done
+    echo "debugPrint('two'); none" >new; mv new a.js
+    until grep -q none.is .err; do sleep 0.02; done
+    echo "debugPrint('three')" >a.js
+    until grep -q three .err; do sleep 0.02; done
+    kill -INT $!; wait $!)sh"),
+            0);
+  EXPECT_THAT(Messages(), HasSubstr("info two\n"));
+  EXPECT_THAT(Messages(), Not(HasSubstr("a.js:1:1: Script execution was interrupted")));
 }
 
 }  // namespace

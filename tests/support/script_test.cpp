@@ -1,59 +1,22 @@
 #include "tests/support/script_test.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <thread>
 
 namespace vnjs::testing {
 
-TemporaryFolder::TemporaryFolder() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "vnjs-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  m_path = pattern + "/";
-}
-
-TemporaryFolder::~TemporaryFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(m_path, ignored);
-}
-
-void TemporaryFolder::Write(const std::string& name, const std::string& content) const {
-  std::ofstream(m_path + name, std::ios::binary) << content;
-}
-
-std::string TemporaryFolder::Read(const std::string& name) const {
-  std::ostringstream text;
-  text << std::ifstream(m_path + name, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-bool WaitUntilTrue(bool (*condition)(void*), void* data) {
+bool WaitUntil(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition(data)) {
+  while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
-}
-
-Inside::Inside(Environment* environment)
-    : isolate(environment->GetIsolate()),
-      m_locker(isolate),
-      m_isolateScope(isolate),
-      m_handleScope(isolate),
-      context(environment->GetContext()),
-      m_contextScope(context) {}
-
-v8::Local<v8::Value> Inside::Eval(const std::string& code) const {
-  const v8::Local<v8::String> text = v8::String::NewFromUtf8(isolate, code.c_str()).ToLocalChecked();
-  return v8::Script::Compile(context, text).ToLocalChecked()->Run(context).ToLocalChecked();
 }
 
 void AtOnce(int threads, const std::function<void(int)>& function) {
@@ -64,6 +27,9 @@ void AtOnce(int threads, const std::function<void(int)>& function) {
 }
 
 void OnStack(size_t bytes, std::function<void()> function) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer takes too much of a small stack for itself";
+#endif
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setstacksize(&attributes, bytes);
@@ -78,20 +44,22 @@ void OnStack(size_t bytes, std::function<void()> function) {
 
 void CollectGarbage(Environment* environment) { Inside(environment).isolate->LowMemoryNotification(); }
 
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 ScriptTest::ScriptTest() {
   std::filesystem::create_directory(dir() + "storage");
-  automation = std::make_unique<Automation>(dir().c_str());
-  automation->SetLogger(NewLogger("test"));
+  MakeAgain();
 }
 
 ScriptTest::~ScriptTest() = default;
 
 void ScriptTest::MakeAgain(size_t heapBytes, size_t bufferBytes) {
-  constexpr size_t kDefault = 64 << 20;
   Automation::SetLimits(heapBytes, bufferBytes);
   automation = std::make_unique<Automation>(dir().c_str());
   automation->SetLogger(NewLogger("test"));
-  Automation::SetLimits(kDefault, kDefault);
+  Automation::SetLimits(kLimit, kLimit);
 }
 
 std::string ScriptTest::Run(const std::string& code, const char* source) {
@@ -106,10 +74,13 @@ std::string ScriptTest::Fail(const std::string& code, const char* source) {
   return result.result();
 }
 
-void ScriptTest::RunAll(const std::vector<Case>& cases) {
-  for (const Case& test : cases) {
-    EXPECT_EQ(automation->Run(test.code, "test.js").result(), test.expected) << test.code;
-  }
+void ScriptTest::Terminate(const std::string& code) {
+  std::thread host([this] {
+    EXPECT_TRUE(WaitUntil([this] { return !LogLines().empty(); }));
+    environment()->GetIsolate()->TerminateExecution();
+  });
+  Fail(code);
+  host.join();
 }
 
 void ScriptTest::RunTable(const std::string& table) {
@@ -124,6 +95,28 @@ void ScriptTest::RunTable(const std::string& table) {
     code.clear();
   }
   EXPECT_EQ(code.find_first_not_of(" \n"), std::string::npos) << "no result given for " << code;
+}
+
+size_t ScriptTest::UsedHeap() {
+  CollectGarbage(environment());
+  v8::HeapStatistics statistics;
+  Inside(environment()).isolate->GetHeapStatistics(&statistics);
+  return statistics.used_heap_size();
+}
+
+int64_t ScriptTest::UsedOutside() {
+  CollectGarbage(environment());
+  return Inside(environment()).isolate->AdjustAmountOfExternalAllocatedMemory(0);
+}
+
+void ScriptTest::Push(std::function<void()> function) {
+  struct HostCallback : CallbackBase {
+    HostCallback(Environment* env, std::function<void()> made)
+        : CallbackBase(env, {}), function(std::move(made)) {}
+    void Call() override { function(); }
+    const std::function<void()> function;
+  };
+  environment()->PushCallback(new HostCallback(environment(), std::move(function)));
 }
 
 void ScriptTest::PumpUntil(const std::string& expression) {

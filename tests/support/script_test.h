@@ -9,70 +9,33 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/inside.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/support/test_host.h"
 
 namespace vnjs::testing {
 
-/// A script text and the exact text that it results in.
-struct Case {
-  const char* code;
-  const char* expected;
-};
-
-/// An empty folder that is removed, with all that is in it, at the end of the scope.
-class TemporaryFolder {
- public:
-  TemporaryFolder();
-  ~TemporaryFolder();
-
-  /// Ends in "/".
-  const std::string& path() const { return m_path; }
-  void Write(const std::string& name, const std::string& content) const;
-  std::string Read(const std::string& name) const;
-
- private:
-  std::string m_path;
-};
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+using ::testing::StartsWith;
 
 /// Waits until `condition` holds, at most 20 s. Returns whether it came to hold.
-template <typename Condition>
-bool WaitUntil(Condition condition);
-bool WaitUntilTrue(bool (*condition)(void*), void* data);
-template <typename Condition>
-bool WaitUntil(Condition condition) {
-  return WaitUntilTrue([](void* data) { return static_cast<bool>((*static_cast<Condition*>(data))()); },
-                       &condition);
-}
-
-/// The scopes that a host's own code needs around what it does with script values.
-class Inside {
- public:
-  explicit Inside(Environment* environment);
-  v8::Local<v8::Value> Eval(const std::string& code) const;
-
-  v8::Isolate* const isolate;
-
- private:
-  const v8::Locker m_locker;
-  const v8::Isolate::Scope m_isolateScope;
-  const v8::HandleScope m_handleScope;
-
- public:
-  const v8::Local<v8::Context> context;
-
- private:
-  const v8::Context::Scope m_contextScope;
-};
+bool WaitUntil(const std::function<bool()>& condition);
 
 /// Calls a function on so many threads at the same time, with the number of each.
 void AtOnce(int threads, const std::function<void(int)>& function);
 
-/// Calls a function on a thread of its own, which has a stack of that size.
+/// Calls a function on a thread of its own, which has a stack of that size. Skips the test under ThreadSanitizer.
 void OnStack(size_t bytes, std::function<void()> function);
 
-/// Collects all garbage, as natives-syntax-free hosts can: the isolate's low-memory notification, under its
-/// lock.
 void CollectGarbage(Environment* environment);
+
+/// How many descriptors this process has open.
+std::ptrdiff_t OpenDescriptors();
 
 /// One environment in a folder of its own, which has an empty "storage/".
 class ScriptTest : public ::testing::Test {
@@ -81,7 +44,8 @@ class ScriptTest : public ::testing::Test {
   ~ScriptTest() override;
 
   /// Another environment in place of the one that there is, with these limits.
-  void MakeAgain(size_t heapBytes, size_t bufferBytes);
+  void MakeAgain(size_t heapBytes = kLimit, size_t bufferBytes = kLimit);
+  static constexpr size_t kLimit = 64 << 20;
 
   /// The result text; a script exception fails the test.
   std::string Run(const std::string& code, const char* source = "test.js");
@@ -89,11 +53,19 @@ class ScriptTest : public ::testing::Test {
   /// The exception's text; a script that ends normally fails the test.
   std::string Fail(const std::string& code, const char* source = "test.js");
 
-  void RunAll(const std::vector<Case>& cases);
+  /// Runs a script that the host terminates once it has printed something.
+  void Terminate(const std::string& code);
 
   /// Runs the rows of a table, each of which is script text and the exact text that it results in:
   /// `CODE ==> TEXT`. The code may begin on lines above; an exception's text begins with "Uncaught".
   void RunTable(const std::string& table);
+
+  /// What is left after a collection, in bytes: in the engine's heap, and outside of it as the engine was told.
+  size_t UsedHeap();
+  int64_t UsedOutside();
+
+  /// Queues a callback of the host's.
+  void Push(std::function<void()> function);
 
   /// Runs callbacks until the script expression is true, at most 20 s.
   void PumpUntil(const std::string& expression);
