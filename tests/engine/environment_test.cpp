@@ -137,11 +137,11 @@ TEST_F(EnvironmentTest, EndsWhileTheWorkerRunsAndCallersWait) {
   automation->StartThread();
   Push([] {});
   std::atomic<int> calls{0};
-  std::thread callers([&] {
+  std::thread callers([&calls, ending = automation.get()] {
     AtOnce(3, [&](int i) {
       usleep(static_cast<useconds_t>(20000 * i));
       ++calls;
-      automation->Run(kBusy, "");
+      ending->Run(kBusy, "");
     });
   });
   EXPECT_TRUE(WaitUntil([&] { return calls == 3; }));
