@@ -29,6 +29,10 @@ bool Automation::HasPendingWork() const {
   return static_cast<EnvironmentImpl*>(m_environment)->HasPendingWork();
 }
 
+std::vector<std::string> Automation::PendingWork() const {
+  return static_cast<EnvironmentImpl*>(m_environment)->PendingWork();
+}
+
 void Automation::Interrupt() { static_cast<EnvironmentImpl*>(m_environment)->Interrupt(); }
 
 void Automation::SetLimits(size_t heapBytes, size_t bufferBytes) {

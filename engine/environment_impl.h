@@ -91,6 +91,7 @@ class EnvironmentImpl final : public Environment {
   /// A named thread was joined or detached.
   void DeleteThreadRef(const std::string& name);
   bool HasPendingWork();
+  std::vector<std::string> PendingWork();
 
   const std::shared_ptr<DroppedHandles>& GetDroppedHandles() const { return m_droppedHandles; }
   Rejections& GetRejections() { return m_rejections; }
@@ -110,6 +111,8 @@ class EnvironmentImpl final : public Environment {
   struct CallbackLock : MutexScope {
     explicit CallbackLock(EnvironmentImpl* env) : MutexScope(env->m_callbackLock) {}
   };
+
+  std::vector<VRefCountedPointer<EnvironmentVariable>> Variables();
 
   /// Counts a thread that is inside a call, so that the destructor can wait for it.
   class Caller;

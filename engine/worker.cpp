@@ -234,6 +234,13 @@ void EnvironmentImpl::YieldIsolate() {
   while (entered-- > 0) m_isolate->Enter();
 }
 
+std::vector<VRefCountedPointer<EnvironmentVariable>> EnvironmentImpl::Variables() {
+  std::vector<VRefCountedPointer<EnvironmentVariable>> variables;
+  const VariablesLock variablesLock(this);
+  for (const auto& [name, variable] : m_variables) variables.push_back(variable);
+  return variables;
+}
+
 bool EnvironmentImpl::HasPendingWork() {
   uint64_t endedBatches = 0;
   {
@@ -242,17 +249,25 @@ bool EnvironmentImpl::HasPendingWork() {
     if (!m_callbacks.empty() || m_runningBatches > 0) return true;
     endedBatches = m_endedBatches;
   }
-  std::vector<VRefCountedPointer<EnvironmentVariable>> variables;
-  {
-    const VariablesLock variablesLock(this);
-    for (const auto& [name, variable] : m_variables) variables.push_back(variable);
-  }
-  for (const auto& variable : variables) {
+  for (const auto& variable : Variables()) {
     if (variable->HasPendingWork()) return true;
   }
   // Work may have moved from an extension to the queue, and through it, since the first look.
   const CallbackLock callbackLock(this);
   return !m_callbacks.empty() || m_runningBatches > 0 || m_endedBatches != endedBatches;
+}
+
+std::vector<std::string> EnvironmentImpl::PendingWork() {
+  std::vector<std::string> lines;
+  {
+    const CallbackLock callbackLock(this);
+    if (m_terminating) return lines;
+    if (!m_callbacks.empty()) lines.push_back("callbacks queued: " + std::to_string(m_callbacks.size()));
+  }
+  for (const auto& variable : Variables()) {
+    for (std::string& line : variable->PendingWork()) lines.push_back(std::move(line));
+  }
+  return lines;
 }
 
 }  // namespace vnjs

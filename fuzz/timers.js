@@ -1,18 +1,23 @@
 // The table of timers, next to a model that knows when each timer is due instead of how much time it has left.
 
+// The last ids before they begin again at 1 are the first to be used.
+const BEFORE = 0xfffffffc;
+
 // Which functions were called, each with which id; and what waits, by id.
 let called, expected, timers, last, now;
 const time = () => number() & 0x7fffffff;
 
 const OPERATIONS = [
   (recurring) => {
-    const mine = ++last, delay = time(), repeats = recurring && delay > 0;
-    is(add((id) => called.push([mine, id]), delay, repeats), mine, 'the id');
+    const delay = time(), repeats = recurring && delay > 0;
+    do last = (last + 1) >>> 0; while (last === 0 || timers.has(last));
+    const mine = last;
+    is(add((id) => called.push([mine, id >>> 0]), delay, repeats), mine, 'the id');
     if (delay === 0) expected.push([mine, mine]);
     else timers.set(mine, {due: now + delay, delay, repeats});
   },
   (recurring) => {
-    const id = number(), matches = !timers.has(id) || timers.get(id).repeats === recurring;
+    const id = (BEFORE + number()) >>> 0, matches = !timers.has(id) || timers.get(id).repeats === recurring;
     is(clear(id, recurring), matches, 'what clearing says');
     if (matches) timers.delete(id);
   },
@@ -20,7 +25,7 @@ const OPERATIONS = [
     const elapsed = time();
     pass(elapsed);
     now += elapsed;
-    for (const [id, timer] of timers) {
+    for (const [id, timer] of [...timers].sort(([a], [b]) => a - b)) {
       if (timer.due > now) continue;
       expected.push([id, id]);
       timer.due = now + timer.delay;
@@ -30,8 +35,8 @@ const OPERATIONS = [
 ];
 
 function fuzz() {
-  renew();
-  [called, expected, timers, last, now] = [[], [], new Map(), 0, 0];
+  renew(BEFORE);
+  [called, expected, timers, last, now] = [[], [], new Map(), BEFORE, 0];
 }
 
 // From one time that callbacks run to the next, which has to come before more of them wait than the table allows.

@@ -6,7 +6,8 @@
 vnjs::fuzz::Target vnjs::fuzz::MakeTarget() {
   static VRefCountedPointer<Timers::TimersContext> table;
   const auto renew = [](const Info& info) {
-    table = new Timers::TimersContext(GetEnvironment(info.GetIsolate()));
+    const uint32_t lastId = info[0].As<v8::Uint32>()->Value();
+    table = new Timers::TimersContext(GetEnvironment(info.GetIsolate()), lastId);
   };
   const auto add = [](const Info& info) {
     const int32_t delay = info[1].As<v8::Int32>()->Value();

@@ -86,6 +86,8 @@ std::string Excerpt(const std::string& text) {
 void KeepSource(const std::string& name, const std::string& code) {
   const std::lock_guard<std::mutex> lock(mutex);
   keptSources[name] = code;
+  // The same place means other code now.
+  lastPlace.clear();
 }
 
 }  // namespace vnjs::host

@@ -11,9 +11,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
+#include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "host/excerpt.h"
 
@@ -30,6 +33,9 @@ using vnjs::host::Excerpt;
 using vnjs::host::kError;
 using vnjs::host::kInfo;
 using vnjs::host::kTrace;
+
+std::mutex sinkMutex;
+std::function<void(const std::string&)> logSink;
 
 struct LevelStyle {
   const char* word;
@@ -91,6 +97,8 @@ void Write(const _VNLog& log, const char* module, int level, std::string_view te
   std::string message(text);
   if (level >= kError) message += '\n' + Excerpt(message);
   const std::string line = FormatLine(log, module, level, message);
+  const std::lock_guard<std::mutex> lock(sinkMutex);
+  if (logSink != nullptr) return logSink(line);
   // In one call, so that lines of several threads do not mix. Nobody could be told of a failure.
   fwrite(line.data(), 1, line.size(), log.stream);
   fflush(log.stream);
@@ -102,6 +110,15 @@ bool WantsColours(FILE* stream) {
 }
 
 }  // namespace
+
+namespace vnjs::host {
+
+void SetLogSink(std::function<void(const std::string&)> sink) {
+  const std::lock_guard<std::mutex> lock(sinkMutex);
+  logSink = std::move(sink);
+}
+
+}  // namespace vnjs::host
 
 extern "C" {
 

@@ -18,6 +18,7 @@
 
 #include "host/check.h"
 #include "host/file_watch.h"
+#include "host/repl.h"
 #include "host/runner.h"
 
 namespace vnjs::host {
@@ -128,6 +129,11 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
       ->required();
   AddCommonOptions(eval, options);
   eval->footer("DIR is the current folder when not given; DIR/storage is made.");
+
+  CLI::App* const repl = app.add_subcommand("repl", "Run what is typed, line by line");
+  AddCommonOptions(repl, options);
+  repl->remove_option(repl->get_option("--timeout"));
+  repl->footer("DIR is the current folder when not given; DIR/storage is made.\nType .help for the rest.");
 }
 
 /// Whether every file can be read is asked before the first one runs.
@@ -188,11 +194,12 @@ ExitStatus Execute(const CLI::App& app, const Options& options) {
   const std::string storageDir = PrepareStorage(options);
   if (debugPort != 0 || debugBreakPort != 0)
     ListenForDebuggers(debugBreakPort != 0 ? debugBreakPort : debugPort);
+  const LogLevel level = options.quiet ? kNone : kLogLevels.at(options.logLevel);
+  if (app.got_subcommand("repl")) return Repl(storageDir, level, options.threaded).Run() ? kFine : kFailed;
   if (run) Runner::StopOnSignals();
   for (;;) {
     FileWatch files(options.watch ? options.files : std::vector<std::string>());
-    Runner runner(storageDir, options.quiet ? kNone : kLogLevels.at(options.logLevel), options.threaded,
-                  options.timeout, files);
+    Runner runner(storageDir, level, options.threaded, options.timeout, files);
     ExitStatus status = kFine;
     if (run) {
       if (debugBreakPort != 0) runner.WaitForDebugger();
@@ -215,7 +222,7 @@ ExitStatus Main(int argc, char** argv) {
   DescribeCommandLine(app, options);
   try {
     app.parse(argc, argv);
-    if (app.get_subcommands().empty()) throw CLI::RequiredError("run, check or eval");
+    if (app.get_subcommands().empty()) throw CLI::RequiredError("run, repl, check or eval");
     return Execute(app, options);
   } catch (const CLI::ParseError& e) {
     std::ostringstream asked;

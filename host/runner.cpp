@@ -26,8 +26,8 @@ extern "C" void RequestStop(int) {
   signal(SIGTERM, SIG_DFL);
 }
 
-/// False for a failed script, whose text goes to standard error, after its place as far as that is known. That one was
-/// interrupted is no failure when the user `asked` for it.
+}  // namespace
+
 bool Report(const RunResult& result, const std::string& source, bool asked) {
   if (!result.isException()) return true;
   if (asked && result.result() == "Script execution was interrupted") return true;
@@ -43,8 +43,6 @@ bool Report(const RunResult& result, const std::string& source, bool asked) {
   fwrite(text.data(), 1, text.size(), stderr);
   return false;
 }
-
-}  // namespace
 
 Runner::Runner(const std::string& storageDir, LogLevel level, bool threaded, double timeout, FileWatch& files)
     : m_files(files), m_automation(storageDir.c_str()) {

@@ -67,6 +67,10 @@ class Runner {
   std::thread m_watcher;
 };
 
+/// False for a failed script, whose text goes to standard error, after its place as far as that is known. That one was
+/// interrupted is no failure when the user `asked` for it.
+bool Report(const RunResult& result, const std::string& source, bool asked);
+
 /// Writes all of `text` to standard output. False when that failed, which is reported on standard error.
 bool PrintText(const std::string& text);
 

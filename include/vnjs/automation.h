@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace vnjs {
 
@@ -40,6 +41,10 @@ class VNJS_API Automation {
   /// True while a timer waits, or a callback is queued or running, and the environment is not terminating:
   /// more script work will come without the host's doing. Any thread.
   bool HasPendingWork() const;
+
+  /// For people to read, a line for each timer that waits: "timeout 3 in 250 ms", "interval 4 every 1000 ms, next in
+  /// 250 ms", and one for callbacks that are queued. Any thread.
+  std::vector<std::string> PendingWork() const;
 
   /// Owned by this object.
   Environment* GetEnvironment() const { return m_environment; }

@@ -5,6 +5,7 @@
 #include <vnjs/refcount.h>
 
 #include <string>
+#include <vector>
 
 namespace vnjs {
 
@@ -51,6 +52,9 @@ class VNJS_API EnvironmentVariable : public VRefCountedObject {
   /// The environment ends, and no script runs in it again. Called once, under the isolate's lock: the last
   /// moment to reset the engine's handles.
   virtual void OnEnvironmentEnd() {}
+
+  /// What HasPendingWork means, for people to read, one line for each piece of work. Any thread.
+  virtual std::vector<std::string> PendingWork() const { return {}; }
 };
 
 }  // namespace vnjs

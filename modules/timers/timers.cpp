@@ -3,6 +3,7 @@
 #include <unistd.h>
 #include <vnjs/host.h>
 
+#include <algorithm>
 #include <new>
 
 #include "bridge/native.h"
@@ -69,6 +70,19 @@ int Timers::TimersFunc(VRefCountedPointer<Thread> thread) {
 bool Timers::TimersContext::HasPendingWork() const {
   const Scope scope(this);
   return !m_timers.empty();
+}
+
+std::vector<std::string> Timers::TimersContext::PendingWork() const {
+  std::vector<std::string> lines;
+  const Scope scope(this);
+  for (const auto& [id, info] : m_timers) lines.push_back(info.Describe(id));
+  return lines;
+}
+
+std::string Timers::TimerInfo::Describe(uint32_t id) const {
+  const std::string left = std::to_string(std::max(m_timeLeft, 0)) + " ms";
+  if (!m_recurring) return "timeout " + std::to_string(id) + " in " + left;
+  return "interval " + std::to_string(id) + " every " + std::to_string(m_interval) + " ms, next in " + left;
 }
 
 uint32_t Timers::TimersContext::Add(v8::Isolate* isolate, v8::Local<v8::Value> callback, int32_t delay,

@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "bridge/memory_budget.h"
 
@@ -67,6 +68,8 @@ class Timers::TimerInfo {
   }
   void Reset() { m_timeLeft = m_interval; }
 
+  std::string Describe(uint32_t id) const;
+
   int32_t GetTimeLeft() const { return m_timeLeft; }
   bool GetRecurring() const { return m_recurring; }
   VRefCountedPointer<SafeValue> GetCallback() const { return m_callback; }
@@ -82,8 +85,10 @@ class Timers::TimerInfo {
 /// The waiting timers of one environment. The lock is held for the whole of each operation below.
 class Timers::TimersContext : public EnvironmentVariable {
  public:
-  explicit TimersContext(Environment* env) : m_environment(env) {}
+  /// Ids go on after `lastId`, and after the highest one with 1 again.
+  explicit TimersContext(Environment* env, uint32_t lastId = 0) : m_environment(env), m_lastId(lastId) {}
   bool HasPendingWork() const override;
+  std::vector<std::string> PendingWork() const override;
 
   /// Adds a timer, or queues its callback at once when the delay is 0. Returns its id, never 0 nor one in
   /// use. Throws VornException "Bad allocation" when there are too many.
@@ -114,7 +119,7 @@ class Timers::TimersContext : public EnvironmentVariable {
 
   mutable MutexLock m_lock{false};
   std::map<uint32_t, TimerInfo> m_timers;
-  uint32_t m_lastId = 0;
+  uint32_t m_lastId;
 };
 
 /// A timer that came due: calls the script's function with the timer's id.

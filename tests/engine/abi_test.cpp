@@ -38,7 +38,7 @@ TEST(AbiTest, VirtualOperationsKeepTheirPlaces) {
                    &Environment::GetGlobal, &Environment::GetVariable, &Environment::SetVariable,
                    &Environment::CreateThread, &Environment::GetThread);
   ExpectPlacesFrom(2, &VRefCountedObject::Release, &EnvironmentVariable::HasPendingWork,
-                   &EnvironmentVariable::OnEnvironmentEnd);
+                   &EnvironmentVariable::OnEnvironmentEnd, &EnvironmentVariable::PendingWork);
   ExpectPlacesFrom(3, &CallbackBase::Call);
   ExpectPlacesFrom(3, &Module::GetNativeFunction, &Module::GetFunction);
   ExpectPlacesFrom(2, &VornException::raise, &VornException::msg);

@@ -164,7 +164,7 @@ TEST_F(CliTest, RefusesWhatCannotBeDoneBeforeAnythingRuns) {
   files::create_directory(folder.path() + "dir");
   RunTable(R"(
     debugPrint('ran')
-                                           ==> 2 || vnjs: run, check or eval is required
+                                           ==> 2 || vnjs: run, repl, check or eval is required
     run                                    ==> 2 || vnjs: FILE is required
     run a.js --loud                        ==> 2 || vnjs: The following argument was not expected: --loud
     run a.js --log loud                    ==> 2 || vnjs: --log: 'loud' is none of trace, info, warning, error, none

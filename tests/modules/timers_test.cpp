@@ -55,6 +55,17 @@ TEST_F(TimersTest, JumpsOfTheClockAreChargedToNobody) {
   PumpUntil("fired");
 }
 
+TEST_F(TimersTest, TheClockGoesOnWhereItsLow32BitsChangeTheirSignOrWrap) {
+  for (const int64_t place : {int64_t{1} << 31, int64_t{1} << 32}) {
+    clockOffsetMs = 0;
+    clockOffsetMs = place - 100 - static_cast<int64_t>(get_local_time_ms());
+    MakeAgain();
+    Run("var ticks = 0; setInterval(() => ++ticks, 30)");
+    PumpUntil("ticks > 5");
+    EXPECT_GE(static_cast<int64_t>(get_local_time_ms()), place);
+  }
+}
+
 TEST_F(TimersTest, AnEnvironmentEndsInTheMiddleOfItsTimers) {
   for (int i = 0; i < 4; ++i) {
     Automation busy(dir().c_str());

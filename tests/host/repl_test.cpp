@@ -1,0 +1,124 @@
+// The prompt: where an input ends, what is told of failures and where, exit statuses; on a terminal completion that
+// calls nothing of the script's, lines that others write meanwhile, and keys that interrupt and end.
+
+#include <fcntl.h>
+#include <pty.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+#include <tuple>
+
+#include "tests/support/script_test.h"
+
+namespace vnjs::testing {
+namespace {
+
+/// The program on a terminal of its own. Killed when it outlives this object.
+class Terminal {
+ public:
+  explicit Terminal(const std::string& command) {
+    const winsize size = {24, 80, 0, 0};
+    m_pid = forkpty(&m_terminal, nullptr, nullptr, &size);
+    if (m_pid == 0) _exit(execl("/bin/sh", "sh", "-c", command.c_str(), nullptr));
+    fcntl(m_terminal, F_SETFL, O_NONBLOCK);
+  }
+  ~Terminal() {
+    close(m_terminal);
+    if (m_status < 0) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  /// Types, and waits until the terminal shows the text, after what was waited for before.
+  void Type(const std::string& keys, const std::string& shown) {
+    ASSERT_EQ(write(m_terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    const auto isShown = [&] {
+      char bytes[1000];
+      const ssize_t length = read(m_terminal, bytes, sizeof bytes);
+      if (length > 0) m_unseen.append(bytes, static_cast<size_t>(length));
+      return m_unseen.find(shown) != std::string::npos;
+    };
+    ASSERT_TRUE(WaitUntil(isShown)) << m_unseen;
+    m_unseen.erase(0, m_unseen.find(shown) + shown.size());
+  }
+  int Wait() {
+    EXPECT_TRUE(WaitUntil([&] { return waitpid(m_pid, &m_status, WNOHANG) == m_pid; }));
+    return m_status;
+  }
+
+ private:
+  int m_terminal = -1;
+  pid_t m_pid = -1;
+  int m_status = -1;
+  std::string m_unseen;
+};
+
+TEST(ReplTest, RunsInputThatNobodyTypes) {
+  const TemporaryFolder folder;
+  folder.Write("a.js", "var loaded = 6;");
+  folder.Write("bad.js", "\n  missing();");
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"function f(a,\nb) {\nreturn a + b\n}\n \nf(1,\n\n2)\n.exit\n3", "undefined\n3\n", ""},
+      {"[1\n]\nf = x => x; f(1\n)\n`a${1\n}`\n/* { \n*/ 2\n'a\\\nb'", "[1]\n1\n\"a1\"\n2\n\"ab\"\n", ""},
+      {"let a = 1\na\n.load a.js\nloaded\nexit(); 2\n3", "undefined\n1\n6\n2\n", ""},
+      {".timers\nsetInterval(Date, 5000)\n.timers",
+       "No timer waits.\n1\ninterval 1 every 5000 ms, next in N ms\n", ""},
+      {"x\n1\n  x", "1\n",
+       "repl:1:1: Uncaught ReferenceError: x is not defined\n1 | x\n  | ^\n"
+       "repl:3:3: Uncaught ReferenceError: x is not defined\n3 |   x\n  |   ^\n"},
+      {"function f() {\n  return x; }\n.timers\nf()", "undefined\nNo timer waits.\n",
+       "repl:2:3: Uncaught ReferenceError: x is not defined\n2 |   return x; }\n  |   ^\n"},
+      {"f(1 2)\n'a\n({", "", "repl:3:3: JavaScript compilation error: Uncaught SyntaxError: Unexpected end"},
+      {".load bad.js\n1", "1\n",
+       "bad.js:2:3: Uncaught ReferenceError: missing is not defined\n2 |   missing();"},
+      {".load\n.jump\n.load no.js", "",
+       "vnjs: .load needs a file\nvnjs: .jump is no command; .help tells which there are\nvnjs: Failed to "
+       "open file: no.js"},
+  };
+  for (const auto& [input, out, err] : cases) {
+    folder.Write("in", input);
+    for (const char* options : {"--quiet", "--quiet --threaded"}) {
+      const std::string command = "cd " + folder.path() + "; exec " VNJS_PROGRAM " repl ";
+      const int status = system((command + options + " <in >out 2>err").c_str());
+      EXPECT_EQ(std::regex_replace(folder.Read("out"), std::regex("in \\d+ ms"), "in N ms"), out) << input;
+      const std::string text = folder.Read("err");
+      EXPECT_TRUE(*err == '\0' ? text.empty() : text.find(err) != std::string::npos) << input << text;
+      EXPECT_EQ(WEXITSTATUS(status), *err == '\0' ? 0 : 1) << input;
+    }
+  }
+}
+
+TEST(ReplTest, ServesATerminal) {
+  const TemporaryFolder folder;
+  for (const char* options : {"", "--threaded"}) {
+    Terminal terminal("cd " + folder.path() + "; NO_COLOR=1 XDG_STATE_HOME=" + folder.path() +
+                      " exec " VNJS_PROGRAM " repl " + options);
+    terminal.Type("", "> ");
+    terminal.Type("let lamp = {level: 40}, calls = 0; const note = () => ++calls\r", "undefined\r\n");
+    terminal.Type(
+        "var o = {get g() { return note() }, p: new Proxy({}, {ownKeys: note, getOwnPropertyDescriptor: "
+        "note})}\r",
+        "undef");
+    terminal.Type("lamp.lev\t + 2\r", "\n42\r\n");
+    terminal.Type("Math.log\t", "log    log10  log1p  log2");
+    terminal.Type("\x03", "> ");
+    // Nothing of this calls `note`.
+    terminal.Type("o.g.lev\t o.p.lev\t o.p.x.lev\t\025calls\r", "\n0\r\n");
+    terminal.Type("setTimeout(() => console.log('came ' + 'due'), 300)\rlamp.le",
+                  "info    core  came due\r\n");
+    terminal.Type("", "> lamp.le");
+    terminal.Type("vel\r", "\n40\r\n");
+    terminal.Type("console.log('bu' + 'sy'); for (;;) {}\r", "busy");
+    terminal.Type("\x03", "interrupted at repl:7:27\r\n");
+    terminal.Type("", "> ");
+    terminal.Type("\x04", "");
+    EXPECT_EQ(terminal.Wait(), 0);
+    EXPECT_THAT(folder.Read("vnjs/history"), ::testing::HasSubstr("lamp.level\\040+\\0402"));
+  }
+}
+
+}  // namespace
+}  // namespace vnjs::testing
