@@ -26,7 +26,7 @@ class VNJS_API Automation {
   Automation& operator=(const Automation&) = delete;
   virtual ~Automation();
 
-  /// Each of these forwards to the environment's operation of the same name.
+  /// @{ The environment's operation of the same name; see Environment.
   RunResult Run(const char* code, const char* source);
   RunResult RunFile(const char* path);
   void StartThread();
@@ -37,6 +37,7 @@ class VNJS_API Automation {
   std::string StorageDir() const;
   _VNLog* GetLogger() const;
   void SetLogger(_VNLog* logger);
+  /// @}
 
   /// True while a timer waits, or a callback is queued or running, and the environment is not terminating:
   /// more script work will come without the host's doing. Any thread.
@@ -74,6 +75,7 @@ class VNJS_API Automation {
   /// Keeps all scripts of the environment waiting. Not from a script.
   bool WaitForDebugger(unsigned int milliseconds);
 
+  /// Whether debugging is on. To be read only.
   static bool m_debug;
 
  private:

@@ -52,7 +52,10 @@ class VNJS_API CallbackBase : public VRefCountedObject {
   virtual void Call() = 0;
 
  protected:
+  /// Where to run. Not owned.
   Environment* const m_environment;
+
+  /// What to call; may be empty.
   const VRefCountedPointer<SafeValue> m_callback;
 };
 

@@ -38,7 +38,11 @@ class VNJS_API Environment {
 
   /// Marks the environment as terminating and waits for the worker's end; nothing to do without a worker.
   virtual void StopThread() = 0;
+
+  /// Whether there is a worker.
   virtual bool IsThreaded() const = 0;
+
+  /// Whether `exit()`, StopThread or the destructor has begun the end.
   virtual bool IsTerminating() const = 0;
 
   /// Queues a callback; drops it when the environment is terminating.
@@ -60,10 +64,13 @@ class VNJS_API Environment {
   /// Writes one line to the host's log. A null `module` means "core".
   virtual void Log(int level, const std::string& message, const char* module);
 
+  /// The environment's own isolate, or the one that was current where the environment was made.
   virtual v8::Isolate* GetIsolate() const = 0;
 
   /// In the current handle scope; empty while there is no context.
   virtual v8::Local<v8::Context> GetContext() const = 0;
+
+  /// The context's global object, in the current handle scope; empty while there is no context.
   virtual v8::Local<v8::Object> GetGlobal() const = 0;
 
   /// An extension's state in this environment; an empty pointer when there is none or it is terminating.
@@ -75,6 +82,8 @@ class VNJS_API Environment {
   /// The thread of that name, made when there is none; an empty pointer while terminating. Throws as Thread
   /// does.
   virtual VRefCountedPointer<Thread> CreateThread(std::string name, Thread::Function func, void* data) = 0;
+
+  /// The thread of that name; an empty pointer when there is none or the environment is terminating.
   virtual VRefCountedPointer<Thread> GetThread(std::string name) = 0;
 };
 

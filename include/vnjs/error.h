@@ -10,13 +10,17 @@ namespace vnjs {
 /// same message, so a host meets it only from functions that it calls itself.
 class VNJS_API VornException {
  public:
+  /// @{ With its message; a copy has the same.
   explicit VornException(std::string message);
   VornException(const VornException& other);
+  /// @}
   VornException& operator=(const VornException&) = delete;
   virtual ~VornException();
 
   /// Throws a copy of this exception.
   [[noreturn]] virtual void raise();
+
+  /// The message, for as long as this exception lives.
   virtual const std::string& msg() const;
 
  private:

@@ -8,12 +8,16 @@ namespace vnjs {
 /// A pthread mutex, recursive when asked. Not copied; destroyed only while nobody holds it.
 class VNJS_API MutexLock {
  public:
+  /// `recursive`: its owner may enter it again, and leaves it as often.
   explicit MutexLock(bool recursive);
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
   virtual ~MutexLock();
 
+  /// Waits until nobody else holds it, and takes it.
   void Enter();
+
+  /// Only for the thread that holds it.
   void Leave();
 
  private:
@@ -30,6 +34,7 @@ class VNJS_API ReentrantMutexLock : public MutexLock {
 /// Holds a MutexLock for the life of a scope. Scoped locks named after what they guard derive from it.
 class MutexScope {
  public:
+  /// Enters `lock`, which has to outlive this object.
   explicit MutexScope(MutexLock& lock) : m_lock(lock) { m_lock.Enter(); }
   ~MutexScope() { m_lock.Leave(); }
   MutexScope(const MutexScope&) = delete;

@@ -10,13 +10,16 @@ namespace vnjs {
 /// An atomic signed count. Both operations are sequentially consistent and return the new value.
 class VNJS_API VRefCounter {
  public:
+  /// Begins with that count.
   explicit VRefCounter(int initial) : m_count(initial) {}
   VRefCounter(const VRefCounter&) = delete;
   VRefCounter& operator=(const VRefCounter&) = delete;
   virtual ~VRefCounter();
 
+  /// @{ One more, one less.
   int operator++() { return m_count.fetch_add(1) + 1; }
   int operator--() { return m_count.fetch_sub(1) - 1; }
+  /// @}
 
  private:
   std::atomic<int32_t> m_count;
@@ -34,6 +37,7 @@ class VNJS_API VRefCountedObject {
   /// Deletes the object; called once, when the count has fallen to 0.
   virtual void Release();
 
+  /// One reference more.
   void AddRef() { ++m_references; }
 
   /// Returns the new count; at 0 the object is gone.
@@ -53,12 +57,15 @@ template <typename T>
 class VRefCountedPointer {
  public:
   VRefCountedPointer() = default;
+  /// @{ Takes a reference of its own to what `object` or `other` points to.
   VRefCountedPointer(T* object) { copy(object); }  // NOLINT(google-explicit-constructor)
   VRefCountedPointer(const VRefCountedPointer& other) { copy(other.m_object); }
+  /// @}
   ~VRefCountedPointer() {
     if (m_object != nullptr) m_object->ReleaseRef();
   }
 
+  /// @{ Takes the new reference, then drops the one held before.
   // cppcheck-suppress operatorEqVarError; copy() assigns it
   VRefCountedPointer& operator=(T* object) {
     copy(object);
@@ -70,9 +77,14 @@ class VRefCountedPointer {
     copy(other.m_object);
     return *this;
   }
+  /// @}
 
+  /// @{ The object, which stays this pointer's; null when it is empty.
   T* get_ptr() const { return m_object; }
   T* operator->() const { return m_object; }
+  /// @}
+
+  /// Whether it holds nothing.
   bool is_empty() const { return m_object == nullptr; }
 
  private:

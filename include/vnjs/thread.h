@@ -32,6 +32,7 @@ VNJS_API void VDetachThread(unsigned long* handle);
 /// Ending:   the function polls IsTerminating(); the environment asks every named thread and joins it at its end.
 class VNJS_API Thread : public VRefCountedObject {
  public:
+  /// What runs on the thread. Its result is not used.
   using Function = int (*)(VRefCountedPointer<Thread>);
 
   /// Throws VornException "Invalid args!" (no environment, no name, no function) or "Cannot create thread".
@@ -46,9 +47,15 @@ class VNJS_API Thread : public VRefCountedObject {
   /// Gives up joining and takes the name out of the environment's table. Throws "Cannot detach thread".
   void Detach();
 
+  /// @{ What the constructor was given.
   Environment* GetEnvironment() const { return m_environment; }
   void* GetData() const { return m_data; }
+  /// @}
+
+  /// Whether the function is asked to return.
   bool IsTerminating() const { return m_terminating; }
+
+  /// Asks the function to return; nothing is interrupted.
   void SetTerminating() { m_terminating = true; }
 
   /// Hides the base's operation: the thread has to know that its creator has a reference before it

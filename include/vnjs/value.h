@@ -11,10 +11,14 @@ namespace vnjs {
 class VNJS_API ByteArray {
  public:
   ByteArray() = default;
+
+  /// A copy of the bytes.
   ByteArray(const ByteArray& other);
 
   /// `size` zero bytes.
   explicit ByteArray(unsigned int size);
+
+  /// A copy of `length` bytes.
   ByteArray(const unsigned char* data, unsigned int length);
 
   /// The bytes of a script value: an Array of numbers from 0 to 255, a one-byte string, an ArrayBuffer or a
@@ -23,15 +27,20 @@ class VNJS_API ByteArray {
   explicit ByteArray(v8::Local<v8::Value> value);
   virtual ~ByteArray();
 
+  /// Takes a copy of the bytes in place of its own.
   ByteArray& operator=(const ByteArray& other);
 
+  /// @{ The bytes, which stay this object's, and how many there are.
   const unsigned char* ptr() const { return m_data; }
   unsigned char* ptr() { return m_data; }
   unsigned int size() const { return m_size; }
   bool empty() const { return m_size == 0; }
+  /// @}
 
   /// A new ArrayBuffer with a copy of the bytes; the script value null when `data` is null.
   static v8::Local<v8::Value> toJS(v8::Isolate* isolate, const unsigned char* data, unsigned int size);
+
+  /// The same of these bytes.
   v8::Local<v8::Value> toJS(v8::Isolate* isolate) const;
 
   /// Whether a value is of a kind that the constructor reads. An empty handle and null are, undefined is not.
@@ -49,12 +58,18 @@ class VNJS_API ByteArray {
 class VNJS_API NativeString {
  public:
   NativeString() = default;
+
+  /// @{ The text as GetString gives it; a copy has its own.
   explicit NativeString(v8::Local<v8::Value> value);
   NativeString(const NativeString& other);
-  virtual ~NativeString();
   NativeString& operator=(const NativeString& other);
+  /// @}
+  virtual ~NativeString();
 
+  /// The text, which stays this object's.
   const char* ptr() const { return m_str; }
+
+  /// In bytes.
   size_t length() const;
 
  private:
@@ -85,8 +100,9 @@ VNJS_API std::string ReadFile(const char* path);
 VNJS_API v8::Local<v8::Value> GetRealValue(v8::Isolate* isolate, v8::Local<v8::Object> object,
                                            v8::Local<v8::String> property);
 
-/// Leaves a script `Error` with that message pending. Returns the value for a native to return.
+/// @{ Leaves a script `Error` with that message pending. Returns the value for a native to return.
 VNJS_API v8::Local<v8::Value> ThrowException(v8::Isolate* isolate, const char* message);
 VNJS_API v8::Local<v8::Value> ThrowException(v8::Isolate* isolate, const std::string& message);
+/// @}
 
 }  // namespace vnjs

@@ -40,15 +40,18 @@ done
 "$compiler" "${other[@]}" -Werror -fsyntax-only "${flags[@]}" -include vnjs/host.h -x c /dev/null
 
 read -ra flags <<<"$(pkgconfig --cflags --libs vnjs)"
-"$compiler" -std=c++17 "${other[@]}" -x c++ "$example/main.cc" -x none -o "$work/pkg-config" "${flags[@]}"
+"$compiler" -std=c++17 "${other[@]}" -x c++ "$example/main.cc" "$example/host_functions.cc" -x none -o "$work/pkg-config" "${flags[@]}"
 cmake -S "$example" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
   -DCMAKE_TOOLCHAIN_FILE="$(cached CMAKE_TOOLCHAIN_FILE)" -DVNJS_SYSROOT="$sysroot" -Dvnjs_DIR="$(dirname "$config")" \
   >"$work/cmake.log" 2>&1 || fail "$(cat "$work/cmake.log")"
 cmake --build "$work/cmake" >"$work/cmake.log" 2>&1 || fail "$(cat "$work/cmake.log")"
-for host in pkg-config cmake/my_host; do
+for host in pkg-config cmake/main; do
   said=$(LD_LIBRARY_PATH=$(dirname "$library") "${run[@]}" "$work/$host" 2>&1)
   [[ $said == *'core: a second later'*42 ]] || fail "the example host, $host, says: $said"
 done
+said=$(LD_LIBRARY_PATH=$(dirname "$library") "${run[@]}" "$work/cmake/extension" 2>/dev/null)
+lamps=$(printf 'The lamp in the %s is %s.\n' garage on hall on hall off hall on)
+[[ $said == "$lamps" ]] || fail "the example of an extension says: $said"
 
 # What leaves the library; "size_t" is what it is on each machine. A name that goes, or says something else, takes a new
 # major version.
