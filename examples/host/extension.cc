@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 
 namespace {
 
@@ -19,7 +18,7 @@ vnjs::Environment* GetEnvironment(v8::Isolate* isolate) {
 /// What the extension keeps for one environment.
 class Detector : public vnjs::EnvironmentVariable {
  public:
-  explicit Detector(vnjs::VRefCountedPointer<vnjs::SafeValue> listener) : listener(std::move(listener)) {}
+  explicit Detector(const vnjs::VRefCountedPointer<vnjs::SafeValue>& listener) : listener(listener) {}
 
   /// Keeps a host that asks Automation::HasPendingWork from ending too early.
   bool HasPendingWork() const override { return motionsLeft > 0; }
