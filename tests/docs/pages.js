@@ -76,7 +76,7 @@ function check(page, base) {
   const folder = path.join(base, path.basename(page));
   fs.mkdirSync(folder);
   const lines = fs.readFileSync(page, 'utf8').split('\n');
-  let changed = [...lines];
+  const changed = [...lines];
   let done = 0;
   for (const block of blocksOf(page, lines)) {
     const file = block.info.split(' ')[1];
