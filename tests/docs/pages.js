@@ -58,7 +58,7 @@ function commandsOf(block) {
 /// What each of the commands prints; less when the shell ends before. `timeout` ends what they have started as well.
 function outputsOf(commands, folder) {
   const script = commands.map(({text}) => `${text}\ns=$?; printf '\\n${kMark}\\n'; (exit $s)\n`).join('');
-  const env = {...process.env, PATH: `${folder}/../bin:${process.env.PATH}`, LC_ALL: 'C.UTF-8'};
+  const env = {...process.env, PATH: `${folder}/../bin:/usr/local/bin:/usr/bin:/bin`, LC_ALL: 'C.UTF-8'};
   const limit = ['-k', '5', String(kSeconds * commands.length)];
   const {stdout} = spawnSync('timeout', [...limit, 'sh', '-c', `exec 2>&1 </dev/null\n${script}`],
                              {cwd: folder, env, encoding: 'utf8', maxBuffer: 1 << 26});
