@@ -17,7 +17,8 @@
 declare function setTimeout(callback: (id: number) => void, milliseconds: number): number;
 
 /**
- * Calls a function again and again. A callback that throws is called again all the same, and lateness is not made up.
+ * Calls a function again and again. A callback that throws is called again all the same. Calls that come due while the
+ * script is busy wait and then come one after the other, also when the interval is cleared by then.
  *
  * @param callback Gets the timer's id. What it throws is logged.
  * @param milliseconds Time from one call to the next, more than 0.
@@ -151,7 +152,8 @@ declare function loadObject(name: string): any;
  * Throws "Invalid arguments" for an empty name or any other number of arguments than two, a `TypeError` for an object
  * that contains itself, and the system's message when the file cannot be written.
  *
- * @param value Null, undefined, and what JSON does not know (a function) remove what was saved.
+ * @param value Null, undefined, and what JSON does not know (a function, or an object that contains itself) remove what
+ *     was saved.
  * @example saveObject('shutters', {position: 40});
  */
 declare function saveObject(name: string, value: any): void;
@@ -162,7 +164,8 @@ declare function saveObject(name: string, value: any): void;
  * An object whose names have no letter case: `d.host`, `d.Host` and `d['HOST']` are the same entry. An entry is spelled
  * as it was last assigned. Only A to Z have a case.
  *
- * Names that every object has, such as `hasOwnProperty`, are undefined; `Object.keys(d)` lists the entries.
+ * Names that every object has, such as `hasOwnProperty`, are undefined; `Object.keys(d)` lists the entries, while
+ * `Object.entries(d)` and `{...d}` have `toString` as well.
  */
 interface NameValueDictionary {
   [name: string]: any;
