@@ -93,18 +93,18 @@ TEST_F(CliTest, RunsFilesOnTheMainThreadAndOnTheWorker) {
       run a.js after.js                    ==> 0 || info still
       setInterval(() => { exit(); debugPrint('still'); }, 25);
       run a.js                             ==> 0 || info still
-      setInterval(() => {}, 25); setTimeout(() => debugPrint('late'), 300);
-      run a.js --for 0.6                   ==> 0 || info late
-      run a.js --quiet --timeout 0.3       ==> 1 || vnjs: not done after 0.3 s
+      setInterval(() => {}, 25); setTimeout(() => debugPrint('late'), 50);
+      run a.js --for 2                     ==> 0 || info late
+      run a.js --quiet --timeout 1.5       ==> 1 || vnjs: not done after 1.5 s
       // A failed script is reported with its place and ends the run; a callback that fails does not.
       throw new Error('no');
       run --quiet a.js after.js            ==> 1 || a.js:2:1: Uncaught Error: no\n2 | throw new Error('no');\n  | ^
       eval('none')
       run --quiet a.js after.js            ==> 1 || a.js: Uncaught ReferenceError: none is not defined
       for (;;) {}
-      run --quiet --timeout 0.3 a.js       ==> 1 || a.js:1:1: Script execution was interrupted\n1 | for (;;) {}\n  | ^\nvnjs: not done after 0.3 s
+      run --quiet --timeout 1.5 a.js       ==> 1 || a.js:1:1: Script execution was interrupted\n1 | for (;;) {}\n  | ^\nvnjs: not done after 1.5 s
       setTimeout(() => { for (;;) {} }, 1)
-      run --quiet --timeout 0.3 a.js       ==> 1 || vnjs: not done after 0.3 s
+      run --quiet --timeout 1.5 a.js       ==> 1 || vnjs: not done after 1.5 s
       setTimeout(async () => { none; }, 0)
       run a.js                             ==> 0 || error Unhandled promise rejection: ReferenceError: none is not defined\n                               at AsyncFunction.<anonymous> (a.js:1:26)\n                           1 | setTimeout(async () => { none; }, 0)\n                             |                          ^
       debugPrint('note'); setTimeout(() => { throw 1; }, 0)

@@ -41,8 +41,9 @@ done
 
 read -ra flags <<<"$(pkgconfig --cflags --libs vnjs)"
 "$compiler" -std=c++17 "${other[@]}" -x c++ "$example/main.cc" "$example/host_functions.cc" -x none -o "$work/pkg-config" "${flags[@]}"
-cmake -S "$example" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
-  -DCMAKE_TOOLCHAIN_FILE="$(cached CMAKE_TOOLCHAIN_FILE)" -DVNJS_SYSROOT="$sysroot" -Dvnjs_DIR="$(dirname "$config")" \
+toolchain=$(cached CMAKE_TOOLCHAIN_FILE)
+cmake -G Ninja -S "$example" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
+  -DCMAKE_TOOLCHAIN_FILE="${toolchain:+$(cd "$here/../.." && realpath "$toolchain")}" -DVNJS_SYSROOT="$sysroot" -Dvnjs_DIR="$(dirname "$config")" \
   >"$work/cmake.log" 2>&1 || fail "$(cat "$work/cmake.log")"
 cmake --build "$work/cmake" >"$work/cmake.log" 2>&1 || fail "$(cat "$work/cmake.log")"
 for host in pkg-config cmake/main; do
