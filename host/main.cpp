@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <limits>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -81,6 +82,15 @@ int ReadPort(const char* option, const std::string& text) {
   return static_cast<int>(port);
 }
 
+/// Shows an option that may have a port as the manual page does, not by what it is without one.
+class HelpFormatter : public CLI::Formatter {
+  std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+    std::string name = CLI::Formatter::make_option_name(option, isPositional);
+    const size_t port = name.find('{');
+    return port == std::string::npos ? name : name.substr(0, port) + "[=PORT]";
+  }
+};
+
 const char kVersion[] = "vnjs " VNJS_VERSION;
 const char kVersionHelp[] = "Print the version and end";
 
@@ -100,6 +110,7 @@ void AddCommonOptions(CLI::App* command, Options& options) {
 }
 
 void DescribeCommandLine(CLI::App& app, Options& options) {
+  app.formatter(std::make_shared<HelpFormatter>());
   app.set_help_flag("--help", "Print this help and end");
   app.set_version_flag("--version", kVersion, kVersionHelp);
   app.require_subcommand(0, 1);
@@ -112,8 +123,9 @@ void DescribeCommandLine(CLI::App& app, Options& options) {
       ->type_name("SECONDS")
       ->check(kIsSeconds);
   run->add_flag("--watch", options.watch, "Run again, from nothing, when a file has changed");
-  run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach; or --debug=PORT");
-  run->add_flag("--debug-brk{9229}", options.debugBreakPort, "The same, and wait for one");
+  run->add_flag("--debug{9229}", options.debugPort, "Let debuggers attach, at port 9229 or this one");
+  run->add_flag("--debug-brk{9229}", options.debugBreakPort,
+                "The same, and wait for one before the first line");
   AddCommonOptions(run, options);
   run->footer(
       "DIR is the first file's folder when not given; DIR/storage is made.\n"
