@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -34,7 +35,9 @@ extern "C" void OnSignal(int signal) {
     (signal == SIGINT ? interrupted : ended) = true;
     // What cannot be interrupted still ends when it is told so once more.
     if (signal != SIGINT) std::signal(signal, SIG_DFL);
-    if (write(STDOUT_FILENO, "\n", 1) == 1) sem_post(&asked);
+    // Fails on a terminal that went away.
+    [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, "\n", 1);
+    sem_post(&asked);
   }
   errno = error;
 }
@@ -78,8 +81,12 @@ LineEditor::LineEditor(Client* client, std::string historyFile)
     for (;;) {
       while (sem_wait(&asked) != 0) {
       }
-      if (m_done) return;
-      m_client->OnInterrupt();
+      // Again and again: when one callback has ended, the next may be one that does not.
+      do {
+        if (m_done) return;
+        m_client->OnInterrupt();
+        std::this_thread::sleep_for(std::chrono::milliseconds(kStepMilliseconds));
+      } while (interrupted || ended);
     }
   });
   struct sigaction action {};

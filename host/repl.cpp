@@ -67,10 +67,10 @@ Repl::Repl(const std::string& storageDir, LogLevel level, bool threaded)
 }
 
 Repl::~Repl() {
-  // A callback may be running on the worker that does not end.
-  m_automation.Interrupt();
-  m_automation.StopThread();
   SetLogSink(nullptr);
+  m_editor.reset();
+  // Callbacks that do not end may be running and waiting on the worker: the environment's end reaches them all.
+  m_automation.Interrupt();
 }
 
 bool Repl::Run() {

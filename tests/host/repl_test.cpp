@@ -10,6 +10,7 @@
 #include <regex>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "tests/support/script_test.h"
 
@@ -26,7 +27,7 @@ class Terminal {
     fcntl(m_terminal, F_SETFL, O_NONBLOCK);
   }
   ~Terminal() {
-    close(m_terminal);
+    GoAway();
     if (m_status < 0) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
   }
   Terminal(const Terminal&) = delete;
@@ -44,6 +45,7 @@ class Terminal {
     ASSERT_TRUE(WaitUntil(isShown)) << m_unseen;
     m_unseen.erase(0, m_unseen.find(shown) + shown.size());
   }
+  void GoAway() { close(std::exchange(m_terminal, -1)); }
   int Wait() {
     EXPECT_TRUE(WaitUntil([&] { return waitpid(m_pid, &m_status, WNOHANG) == m_pid; }));
     return m_status;
@@ -117,6 +119,28 @@ TEST(ReplTest, ServesATerminal) {
     terminal.Type("\x04", "");
     EXPECT_EQ(terminal.Wait(), 0);
     EXPECT_THAT(folder.Read("vnjs/history"), ::testing::HasSubstr("lamp.level\\040+\\0402"));
+  }
+}
+
+TEST(ReplTest, EndsThoughCallbacksAndScriptsDoNot) {
+  const TemporaryFolder folder;
+  for (const char* options : {"", "--threaded"}) {
+    const std::string command =
+        "cd " + folder.path() + "; NO_COLOR=1 XDG_STATE_HOME=. exec " VNJS_PROGRAM " repl ";
+    Terminal terminal(command + options);
+    terminal.Type("", "> ");
+    terminal.Type("function f() { console.log('bu' + 'sy'); for (;;) {} }\r", "undefined\r\n> ");
+    terminal.Type("for (let i = 0; i < 20; ++i) setTimeout(f, 0)\r", "busy");
+    terminal.Type("\x03", "was interrupted");
+    terminal.Type("", "> ");
+    terminal.Type("\x04", "");
+    EXPECT_EQ(terminal.Wait(), 0) << options;
+
+    Terminal left(command + options);
+    left.Type("", "> ");
+    left.Type("console.log('bu' + 'sy'); for (;;) {}\r", "busy");
+    left.GoAway();
+    EXPECT_EQ(left.Wait(), 0) << options;
   }
 }
 
