@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,6 +81,8 @@ class CliTest : public ::testing::Test {
 TEST_F(CliTest, RunsFilesOnTheMainThreadAndOnTheWorker) {
   folder.Write("b.js", "n += 22; debugPrint('b', executeFile('c.js')); setTimeout(later, 30);");
   folder.Write("c.js", "n");
+  folder.Write("text", "abc");
+  ASSERT_EQ(mkfifo((folder.path() + "pipe").c_str(), 0600), 0);
   folder.Write("after.js", "debugPrint('after');\n0;");
   for (const char* more : {"", " --threaded"}) {
     const char* const table = R"(
@@ -113,6 +116,9 @@ TEST_F(CliTest, RunsFilesOnTheMainThreadAndOnTheWorker) {
       run a.js --log warning               ==> 0 || error Callback execution error: Uncaught 1
       run a.js --log error                 ==> 0 || error Callback execution error: Uncaught 1
       run a.js --log none                  ==> 0
+      // A place in a text may be anything.
+      for (const name of ['/dev/zero', 'pipe', 'none', 'text']) console.error(`no (${name}:1:2)`)
+      run a.js                             ==> 0 || error no (/dev/zero:1:2)\nerror no (pipe:1:2)\nerror no (none:1:2)\nerror no (text:1:2)\n                           1 | abc\n                             |  ^
     )";
     RunTable(table, more);
   }
