@@ -233,12 +233,17 @@ TEST_F(CliTest, ChecksSyntaxAndRunsNothing) {
 
 TEST_F(CliTest, RunsAgainWhenAFileHasChanged) {
   folder.Write("a.js", "debugPrint('one'); for (;;) {}");
-  EXPECT_EQ(Shell(VNJS_PROGRAM R"sh( run --watch a.js &
+  folder.Write("b.js", "");
+  EXPECT_EQ(Shell(VNJS_PROGRAM R"sh( run --watch a.js b.js &
     until grep -q one .err; do sleep 0.02; done
     echo "debugPrint('two'); none" >new; mv new a.js
     until grep -q none.is .err; do sleep 0.02; done
     echo "debugPrint('three')" >a.js
     until grep -q three .err; do sleep 0.02; done
+    rm b.js; echo "debugPrint('four')" >a.js
+    until grep -q 'to open file: b.js' .err; do sleep 0.02; done
+    echo "debugPrint('five')" >b.js
+    until grep -q five .err; do sleep 0.02; done
     kill -INT $!; wait $!)sh"),
             0);
   EXPECT_THAT(Messages(), HasSubstr("info two\n"));
