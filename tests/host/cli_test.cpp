@@ -157,6 +157,13 @@ TEST_F(CliTest, EvalPrintsTheResultText) {
     eval 1 >/dev/full                      ==> 1 || vnjs: cannot write to standard output: No space left on device
     --version >/dev/full                   ==> 1 || vnjs: cannot write to standard output: No space left on device
   )");
+  // What scripts write does nothing to the terminal, nor looks like lines of the log.
+  RunTable(R"(
+    console.log('\x1b[2J\r\x9b\x7f ä£')
+    run a.js                               ==> 0 || info \x1b[2J\x0d\x9b\x7f ä£
+    throw '\x1b]0;title\x07'
+    run --quiet a.js                       ==> 1 || a.js:1:1: Uncaught \x1b]0;title\x07\n1 | throw '\x1b]0;title\x07'\n  | ^
+  )");
   for (const std::string arguments : {"--version", "run --help", "eval --help", "--help"}) {
     EXPECT_EQ(Shell("vnjs " + arguments), 0);
     EXPECT_EQ(Messages(), "");
