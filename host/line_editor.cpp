@@ -21,6 +21,9 @@ namespace {
 constexpr int kHistoryLength = 1000;
 constexpr int kStepMilliseconds = 10;
 
+/// More lines that come while a key is at work spoil the screen: the key may wait for the script that writes them.
+constexpr size_t kMostHeld = 1 << 20;
+
 std::atomic<bool> interrupted{false};
 std::atomic<bool> ended{false};
 std::atomic<bool> screenChanged{false};
@@ -131,11 +134,12 @@ LineEditor::Answer LineEditor::Read(const std::string& prompt, std::string* line
 
 void LineEditor::WriteLog(const std::string& text) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  if (m_state == kEditing) {
+  if (m_state == kEditing && m_held.size() < kMostHeld) {
     m_held += text;
     return;
   }
   if (m_state == kWaiting) Erase();
+  if (m_state == kEditing) fputs(std::exchange(m_held, {}).c_str(), stderr);
   // In one call, so that lines of several threads do not mix. Nobody could be told of a failure.
   fwrite(text.data(), 1, text.size(), stderr);
 }

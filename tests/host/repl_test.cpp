@@ -122,6 +122,21 @@ TEST(ReplTest, ServesATerminal) {
   }
 }
 
+TEST(ReplTest, ShowsLinesThoughAKeyWaitsForTheScriptThatWritesThem) {
+  const TemporaryFolder folder;
+  Terminal terminal("cd " + folder.path() + "; XDG_STATE_HOME=. exec " VNJS_PROGRAM " repl --threaded");
+  terminal.Type("", "> ");
+  terminal.Type(
+      "setTimeout(() => { console.log('be' + 'gun'); for (const t = Date.now(); Date.now() - t < 500;); "
+      "for (;;) console.log('fl' + 'o'.repeat(1e4)) }, 0)\r",
+      "begun");
+  terminal.Type("Math.lo\t", "floooo");
+  terminal.Type("\x03", "was interrupted");
+  terminal.Type("", "> ");
+  terminal.Type("\x04", "");
+  EXPECT_EQ(terminal.Wait(), 0);
+}
+
 TEST(ReplTest, EndsThoughCallbacksAndScriptsDoNot) {
   const TemporaryFolder folder;
   for (const char* options : {"", "--threaded"}) {
