@@ -156,9 +156,15 @@ int LineEditor::GetCharacter(EditLine* edit, wchar_t* character) {
     if (!Of(edit)->Wait()) return -1;
     char byte = 0;
     if (read(STDIN_FILENO, &byte, 1) != 1) return 0;
-    const size_t length = mbrtowc(character, &byte, 1, &state);
+    const bool isFirst = mbsinit(&state) != 0;
+    size_t length = mbrtowc(character, &byte, 1, &state);
+    if (length == static_cast<size_t>(-1)) {
+      state = {};
+      // What does not go on with a character may begin the next.
+      if (!isFirst) length = mbrtowc(character, &byte, 1, &state);
+      if (length == static_cast<size_t>(-1)) state = {};
+    }
     if (length <= 1) return 1;
-    if (length == static_cast<size_t>(-1)) state = {};
   }
 }
 

@@ -107,6 +107,7 @@ TEST(ReplTest, ServesATerminal) {
     terminal.Type("lamp.lev\t + 2\r", "\n42\r\n");
     terminal.Type("Math.log\t", "log    log10  log1p  log2");
     terminal.Type("\x03", "> ");
+    terminal.Type("'\xff\xe4\xc3\xe2\x82' + 21\r", "\n\"21\"\r\n");
     // Nothing of this calls `note`.
     terminal.Type("o.g.lev\t o.p.lev\t o.p.x.lev\t\025calls\r", "\n0\r\n");
     terminal.Type("setTimeout(() => console.log('came ' + 'due'), 300)\rlamp.le",
@@ -114,7 +115,7 @@ TEST(ReplTest, ServesATerminal) {
     terminal.Type("", "> lamp.le");
     terminal.Type("vel\r", "\n40\r\n");
     terminal.Type("console.log('bu' + 'sy'); for (;;) {}\r", "busy");
-    terminal.Type("\x03", "interrupted at repl:7:27\r\n");
+    terminal.Type("\x03", "interrupted at repl:8:27\r\n");
     terminal.Type("", "> ");
     terminal.Type("\x04", "");
     EXPECT_EQ(terminal.Wait(), 0);
