@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -163,6 +165,8 @@ bool Repl::Tell(const RunResult& result, const std::string& source) const {
 }
 
 bool Repl::Load(const std::string& path) {
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) return Complain(path + ": " + strerror(EISDIR));
   try {
     return Tell(m_automation.RunFile(path.c_str()), path);
   } catch (const VornException& e) {

@@ -76,6 +76,7 @@ TEST(ReplTest, RunsInputThatNobodyTypes) {
       {"f(1 2)\n'a\n({", "", "repl:3:3: JavaScript compilation error: Uncaught SyntaxError: Unexpected end"},
       {".load bad.js\n1", "1\n",
        "bad.js:2:3: Uncaught ReferenceError: missing is not defined\n2 |   missing();"},
+      {".load ..", "", "vnjs: ..: Is a directory\n"},
       {".load\n.jump\n.load no.js", "",
        "vnjs: .load needs a file\nvnjs: .jump is no command; .help tells which there are\nvnjs: Failed to "
        "open file: no.js"},
