@@ -59,7 +59,7 @@ bool CheckSyntax(const std::string& path) {
 
   std::string error = SyntaxErrorOf(isolate, context, path, code);
   if (error.empty()) return true;
-  error += '\n' + Excerpt(error);
+  error = Visible(error + '\n' + Excerpt(error));
   fwrite(error.data(), 1, error.size(), stderr);
   return false;
 }

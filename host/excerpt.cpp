@@ -1,11 +1,14 @@
 #include "host/excerpt.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <regex>
 #include <sstream>
+#include <system_error>
 
 namespace vnjs::host {
 namespace {
@@ -15,6 +18,9 @@ constexpr size_t kWidest = 100;
 
 /// Texts of errors may be long; places stand near their beginning.
 constexpr size_t kSearched = 4000;
+
+/// No script is as large. What scripts write into texts of errors may be the name of any file.
+constexpr uintmax_t kLargest = 16 << 20;
 
 std::mutex mutex;
 std::string lastPlace;
@@ -26,6 +32,15 @@ std::string LineOf(std::istream& source, size_t number) {
     if (!std::getline(source, line)) return {};
   }
   return line;
+}
+
+/// Not of devices and pipes, nor of what the kernel makes up, which may have no end.
+std::string LineOfFile(const std::string& path, size_t number) {
+  std::error_code error;
+  const uintmax_t size = std::filesystem::file_size(path, error);
+  if (error || size == 0 || size > kLargest) return {};
+  std::ifstream file(path);
+  return LineOf(file, number);
 }
 
 bool BeginsCharacter(char c) { return (c & 0xC0) != 0x80; }
@@ -75,9 +90,8 @@ std::string Excerpt(const std::string& text) {
   const size_t number = std::stoul(place.str(2));
   const auto kept = keptSources.find(place.str(1));
   std::istringstream code(kept == keptSources.end() ? "" : kept->second);
-  std::ifstream file(place.str(1));
   const std::string line =
-      LineOf(kept == keptSources.end() ? static_cast<std::istream&>(file) : code, number);
+      kept == keptSources.end() ? LineOfFile(place.str(1), number) : LineOf(code, number);
   if (line.empty()) return {};
   lastPlace = name;
   return Show(line, number, std::stoul(place.str(3)));

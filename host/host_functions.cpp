@@ -33,6 +33,7 @@ using vnjs::host::Excerpt;
 using vnjs::host::kError;
 using vnjs::host::kInfo;
 using vnjs::host::kTrace;
+using vnjs::host::Visible;
 
 std::mutex sinkMutex;
 std::function<void(const std::string&)> logSink;
@@ -83,7 +84,7 @@ std::string FormatLine(const _VNLog& log, const char* module, int level, std::st
                          ? "\033[2m" + time + "\033[0m " + style.colour + word + "\033[0m " + name + " "
                          : time + " " + word + " " + name + " ";
   while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-  for (const char c : text) {
+  for (const char c : Visible(text)) {
     line += c;
     if (c == '\n') line += indent;
   }
@@ -116,6 +117,24 @@ namespace vnjs::host {
 void SetLogSink(std::function<void(const std::string&)> sink) {
   const std::lock_guard<std::mutex> lock(sinkMutex);
   logSink = std::move(sink);
+}
+
+std::string Visible(std::string_view text) {
+  std::string visible;
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    // Behind C2 are the further control characters of Latin-1.
+    const bool isPair = byte == 0xC2 && i + 1 < text.size() && (text[i + 1] & 0xE0) == 0x80;
+    const bool isBreak = byte == '\n' || byte == '\t' || (byte == '\r' && text.substr(i + 1, 1) == "\n");
+    if (!isPair && (isBreak || (byte >= 0x20 && byte != 0x7F))) {
+      visible += text[i];
+      continue;
+    }
+    char escape[8];
+    snprintf(escape, sizeof escape, "\\x%02x", isPair ? static_cast<unsigned char>(text[++i]) : byte);
+    visible += escape;
+  }
+  return visible;
 }
 
 }  // namespace vnjs::host

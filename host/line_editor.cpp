@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -19,6 +20,9 @@ namespace {
 
 constexpr int kHistoryLength = 1000;
 constexpr int kStepMilliseconds = 10;
+
+/// More lines that come while a key is at work spoil the screen: the key may wait for the script that writes them.
+constexpr size_t kMostHeld = 1 << 20;
 
 std::atomic<bool> interrupted{false};
 std::atomic<bool> ended{false};
@@ -34,7 +38,9 @@ extern "C" void OnSignal(int signal) {
     (signal == SIGINT ? interrupted : ended) = true;
     // What cannot be interrupted still ends when it is told so once more.
     if (signal != SIGINT) std::signal(signal, SIG_DFL);
-    if (write(STDOUT_FILENO, "\n", 1) == 1) sem_post(&asked);
+    // Fails on a terminal that went away.
+    [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, "\n", 1);
+    sem_post(&asked);
   }
   errno = error;
 }
@@ -78,8 +84,12 @@ LineEditor::LineEditor(Client* client, std::string historyFile)
     for (;;) {
       while (sem_wait(&asked) != 0) {
       }
-      if (m_done) return;
-      m_client->OnInterrupt();
+      // Again and again: when one callback has ended, the next may be one that does not.
+      do {
+        if (m_done) return;
+        m_client->OnInterrupt();
+        std::this_thread::sleep_for(std::chrono::milliseconds(kStepMilliseconds));
+      } while (interrupted || ended);
     }
   });
   struct sigaction action {};
@@ -124,11 +134,12 @@ LineEditor::Answer LineEditor::Read(const std::string& prompt, std::string* line
 
 void LineEditor::WriteLog(const std::string& text) {
   const std::lock_guard<std::mutex> lock(m_mutex);
-  if (m_state == kEditing) {
+  if (m_state == kEditing && m_held.size() < kMostHeld) {
     m_held += text;
     return;
   }
   if (m_state == kWaiting) Erase();
+  if (m_state == kEditing) fputs(std::exchange(m_held, {}).c_str(), stderr);
   // In one call, so that lines of several threads do not mix. Nobody could be told of a failure.
   fwrite(text.data(), 1, text.size(), stderr);
 }
@@ -145,9 +156,15 @@ int LineEditor::GetCharacter(EditLine* edit, wchar_t* character) {
     if (!Of(edit)->Wait()) return -1;
     char byte = 0;
     if (read(STDIN_FILENO, &byte, 1) != 1) return 0;
-    const size_t length = mbrtowc(character, &byte, 1, &state);
+    const bool isFirst = mbsinit(&state) != 0;
+    size_t length = mbrtowc(character, &byte, 1, &state);
+    if (length == static_cast<size_t>(-1)) {
+      state = {};
+      // What does not go on with a character may begin the next.
+      if (!isFirst) length = mbrtowc(character, &byte, 1, &state);
+      if (length == static_cast<size_t>(-1)) state = {};
+    }
     if (length <= 1) return 1;
-    if (length == static_cast<size_t>(-1)) state = {};
   }
 }
 

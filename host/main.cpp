@@ -182,7 +182,10 @@ ExitStatus RunFiles(Runner& runner, const Options& options) {
     try {
       if (!runner.RunFile(path)) return kFailed;
     } catch (const VornException& e) {
-      throw UsageError(e.msg());
+      if (!options.watch) throw UsageError(e.msg());
+      // Somebody is about to change it.
+      fprintf(stderr, "vnjs: %s\n", e.msg().c_str());
+      return kFailed;
     }
   }
   runner.Pump(options.seconds);

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -67,10 +69,10 @@ Repl::Repl(const std::string& storageDir, LogLevel level, bool threaded)
 }
 
 Repl::~Repl() {
-  // A callback may be running on the worker that does not end.
-  m_automation.Interrupt();
-  m_automation.StopThread();
   SetLogSink(nullptr);
+  m_editor.reset();
+  // Callbacks that do not end may be running and waiting on the worker: the environment's end reaches them all.
+  m_automation.Interrupt();
 }
 
 bool Repl::Run() {
@@ -163,6 +165,8 @@ bool Repl::Tell(const RunResult& result, const std::string& source) const {
 }
 
 bool Repl::Load(const std::string& path) {
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) return Complain(path + ": " + strerror(EISDIR));
   try {
     return Tell(m_automation.RunFile(path.c_str()), path);
   } catch (const VornException& e) {

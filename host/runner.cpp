@@ -39,7 +39,7 @@ bool Report(const RunResult& result, const std::string& source, bool asked) {
     if (position.line > 0 && position.column > 0) text += ':' + std::to_string(position.column);
   }
   const std::string excerpt = Excerpt(text);
-  text += ": " + result.result() + '\n' + excerpt;
+  text = Visible(text + ": " + result.result() + '\n' + excerpt);
   fwrite(text.data(), 1, text.size(), stderr);
   return false;
 }

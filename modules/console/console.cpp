@@ -1,5 +1,6 @@
 #include "modules/console/console.h"
 
+#include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "engine/registration.h"
 #include "modules/console/describe.h"
@@ -36,13 +37,17 @@ void Console::HasLog(const Info& info) { info.GetReturnValue().Set(true); }
 
 void Console::Write(const Info& info) {
   v8::Isolate* const isolate = info.GetIsolate();
+  Environment* const environment = GetEnvironment(isolate);
   std::string line;
   for (int i = 0; i < info.Length(); ++i) {
     if (i > 0) line += ' ';
+    // Not charged, as it is gone soon.
+    const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
+    RequireMemory(environment, line.size() + static_cast<size_t>(more));
     line += info[i]->IsString() ? GetString(info[i]) : Describe(isolate, info[i]);
   }
   const bool isError = info.Data()->BooleanValue(isolate);
-  GetEnvironment(isolate)->Log(isError ? kError : kInfo, line, nullptr);
+  environment->Log(isError ? kError : kInfo, line, nullptr);
 }
 
 const NativeEntry Console::kNatives[] = {

@@ -121,9 +121,10 @@ class Description {
 
   void AddRegExp(v8::Local<v8::RegExp> expression) {
     m_text += "/" + GetString(expression->GetSource()) + "/";
-    constexpr std::pair<int, char> kFlags[] = {{v8::RegExp::kGlobal, 'g'},    {v8::RegExp::kIgnoreCase, 'i'},
-                                               {v8::RegExp::kMultiline, 'm'}, {v8::RegExp::kDotAll, 's'},
-                                               {v8::RegExp::kUnicode, 'u'},   {v8::RegExp::kSticky, 'y'}};
+    constexpr std::pair<int, char> kFlags[] = {{v8::RegExp::kHasIndices, 'd'}, {v8::RegExp::kGlobal, 'g'},
+                                               {v8::RegExp::kIgnoreCase, 'i'}, {v8::RegExp::kMultiline, 'm'},
+                                               {v8::RegExp::kDotAll, 's'},     {v8::RegExp::kUnicode, 'u'},
+                                               {v8::RegExp::kSticky, 'y'}};
     for (const auto& [flag, letter] : kFlags) {
       if ((expression->GetFlags() & flag) != 0) m_text += letter;
     }

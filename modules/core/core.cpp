@@ -1,5 +1,6 @@
 #include "modules/core/core.h"
 
+#include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "engine/registration.h"
 #include "version_record.h"
@@ -73,12 +74,16 @@ void Core::Exit(const Info& info) { Implementation(info.GetIsolate())->SetTermin
 
 void Core::DebugPrint(const Info& info) {
   if (info.Length() == 0) return;
+  Environment* const environment = GetEnvironment(info.GetIsolate());
   std::string text;
   for (int i = 0; i < info.Length(); ++i) {
     if (i > 0) text += ' ';
+    // Not charged, as it is gone soon.
+    const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
+    RequireMemory(environment, text.size() + static_cast<size_t>(more));
     text += GetString(info[i]);
   }
-  GetEnvironment(info.GetIsolate())->Log(1, text, nullptr);
+  environment->Log(1, text, nullptr);
 }
 
 void Core::ProcessPendingCallbacks(const Info& info) {

@@ -115,6 +115,10 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
             "Uncaught RangeError: Array buffer allocation failed");
   folder.Write("large", std::string(17 * kMegabyte, 'x'));
   EXPECT_EQ(Fail("fs.load('large')"), "Uncaught Error: Bad allocation");
+  for (const std::string print : {"console.log", "debugPrint"}) {
+    EXPECT_EQ(Fail(print + "('x'.repeat(5e6))"), "Uncaught Error: Bad allocation");
+    EXPECT_EQ(Fail(print + "(...Array(60).fill('x'.repeat(1e5)))"), "Uncaught Error: Bad allocation");
+  }
 }
 
 TEST_F(LimitsTest, TicksOfABusyScriptPileUpToTheLimitAndAllComeInTheEnd) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -80,6 +81,8 @@ class CliTest : public ::testing::Test {
 TEST_F(CliTest, RunsFilesOnTheMainThreadAndOnTheWorker) {
   folder.Write("b.js", "n += 22; debugPrint('b', executeFile('c.js')); setTimeout(later, 30);");
   folder.Write("c.js", "n");
+  folder.Write("text", "abc");
+  ASSERT_EQ(mkfifo((folder.path() + "pipe").c_str(), 0600), 0);
   folder.Write("after.js", "debugPrint('after');\n0;");
   for (const char* more : {"", " --threaded"}) {
     const char* const table = R"(
@@ -113,6 +116,9 @@ TEST_F(CliTest, RunsFilesOnTheMainThreadAndOnTheWorker) {
       run a.js --log warning               ==> 0 || error Callback execution error: Uncaught 1
       run a.js --log error                 ==> 0 || error Callback execution error: Uncaught 1
       run a.js --log none                  ==> 0
+      // A place in a text may be anything.
+      for (const name of ['/dev/zero', 'pipe', 'none', 'text']) console.error(`no (${name}:1:2)`)
+      run a.js                             ==> 0 || error no (/dev/zero:1:2)\nerror no (pipe:1:2)\nerror no (none:1:2)\nerror no (text:1:2)\n                           1 | abc\n                             |  ^
     )";
     RunTable(table, more);
   }
@@ -150,6 +156,13 @@ TEST_F(CliTest, EvalPrintsTheResultText) {
     eval --quiet '1 + x'                   ==> 1 || eval:1:5: Uncaught ReferenceError: x is not defined\n1 | 1 + x\n  |     ^
     eval 1 >/dev/full                      ==> 1 || vnjs: cannot write to standard output: No space left on device
     --version >/dev/full                   ==> 1 || vnjs: cannot write to standard output: No space left on device
+  )");
+  // What scripts write does nothing to the terminal, nor looks like lines of the log.
+  RunTable(R"(
+    console.log('\x1b[2J\r\x9b\x7f ä£')
+    run a.js                               ==> 0 || info \x1b[2J\x0d\x9b\x7f ä£
+    throw '\x1b]0;title\x07'
+    run --quiet a.js                       ==> 1 || a.js:1:1: Uncaught \x1b]0;title\x07\n1 | throw '\x1b]0;title\x07'\n  | ^
   )");
   for (const std::string arguments : {"--version", "run --help", "eval --help", "--help"}) {
     EXPECT_EQ(Shell("vnjs " + arguments), 0);
@@ -227,12 +240,17 @@ TEST_F(CliTest, ChecksSyntaxAndRunsNothing) {
 
 TEST_F(CliTest, RunsAgainWhenAFileHasChanged) {
   folder.Write("a.js", "debugPrint('one'); for (;;) {}");
-  EXPECT_EQ(Shell(VNJS_PROGRAM R"sh( run --watch a.js &
+  folder.Write("b.js", "");
+  EXPECT_EQ(Shell(VNJS_PROGRAM R"sh( run --watch a.js b.js &
     until grep -q one .err; do sleep 0.02; done
     echo "debugPrint('two'); none" >new; mv new a.js
     until grep -q none.is .err; do sleep 0.02; done
     echo "debugPrint('three')" >a.js
     until grep -q three .err; do sleep 0.02; done
+    rm b.js; echo "debugPrint('four')" >a.js
+    until grep -q 'to open file: b.js' .err; do sleep 0.02; done
+    echo "debugPrint('five')" >b.js
+    until grep -q five .err; do sleep 0.02; done
     kill -INT $!; wait $!)sh"),
             0);
   EXPECT_THAT(Messages(), HasSubstr("info two\n"));

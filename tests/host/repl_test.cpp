@@ -10,6 +10,7 @@
 #include <regex>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "tests/support/script_test.h"
 
@@ -26,7 +27,7 @@ class Terminal {
     fcntl(m_terminal, F_SETFL, O_NONBLOCK);
   }
   ~Terminal() {
-    close(m_terminal);
+    GoAway();
     if (m_status < 0) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
   }
   Terminal(const Terminal&) = delete;
@@ -44,6 +45,7 @@ class Terminal {
     ASSERT_TRUE(WaitUntil(isShown)) << m_unseen;
     m_unseen.erase(0, m_unseen.find(shown) + shown.size());
   }
+  void GoAway() { close(std::exchange(m_terminal, -1)); }
   int Wait() {
     EXPECT_TRUE(WaitUntil([&] { return waitpid(m_pid, &m_status, WNOHANG) == m_pid; }));
     return m_status;
@@ -74,6 +76,7 @@ TEST(ReplTest, RunsInputThatNobodyTypes) {
       {"f(1 2)\n'a\n({", "", "repl:3:3: JavaScript compilation error: Uncaught SyntaxError: Unexpected end"},
       {".load bad.js\n1", "1\n",
        "bad.js:2:3: Uncaught ReferenceError: missing is not defined\n2 |   missing();"},
+      {".load ..", "", "vnjs: ..: Is a directory\n"},
       {".load\n.jump\n.load no.js", "",
        "vnjs: .load needs a file\nvnjs: .jump is no command; .help tells which there are\nvnjs: Failed to "
        "open file: no.js"},
@@ -105,6 +108,7 @@ TEST(ReplTest, ServesATerminal) {
     terminal.Type("lamp.lev\t + 2\r", "\n42\r\n");
     terminal.Type("Math.log\t", "log    log10  log1p  log2");
     terminal.Type("\x03", "> ");
+    terminal.Type("'\xff\xe4\xc3\xe2\x82' + 21\r", "\n\"21\"\r\n");
     // Nothing of this calls `note`.
     terminal.Type("o.g.lev\t o.p.lev\t o.p.x.lev\t\025calls\r", "\n0\r\n");
     terminal.Type("setTimeout(() => console.log('came ' + 'due'), 300)\rlamp.le",
@@ -112,11 +116,48 @@ TEST(ReplTest, ServesATerminal) {
     terminal.Type("", "> lamp.le");
     terminal.Type("vel\r", "\n40\r\n");
     terminal.Type("console.log('bu' + 'sy'); for (;;) {}\r", "busy");
-    terminal.Type("\x03", "interrupted at repl:7:27\r\n");
+    terminal.Type("\x03", "interrupted at repl:8:27\r\n");
     terminal.Type("", "> ");
     terminal.Type("\x04", "");
     EXPECT_EQ(terminal.Wait(), 0);
     EXPECT_THAT(folder.Read("vnjs/history"), ::testing::HasSubstr("lamp.level\\040+\\0402"));
+  }
+}
+
+TEST(ReplTest, ShowsLinesThoughAKeyWaitsForTheScriptThatWritesThem) {
+  const TemporaryFolder folder;
+  Terminal terminal("cd " + folder.path() + "; XDG_STATE_HOME=. exec " VNJS_PROGRAM " repl --threaded");
+  terminal.Type("", "> ");
+  terminal.Type(
+      "setTimeout(() => { console.log('be' + 'gun'); for (const t = Date.now(); Date.now() - t < 500;); "
+      "for (;;) console.log('fl' + 'o'.repeat(1e4)) }, 0)\r",
+      "begun");
+  terminal.Type("Math.lo\t", "floooo");
+  terminal.Type("\x03", "was interrupted");
+  terminal.Type("", "> ");
+  terminal.Type("\x04", "");
+  EXPECT_EQ(terminal.Wait(), 0);
+}
+
+TEST(ReplTest, EndsThoughCallbacksAndScriptsDoNot) {
+  const TemporaryFolder folder;
+  for (const char* options : {"", "--threaded"}) {
+    const std::string command =
+        "cd " + folder.path() + "; NO_COLOR=1 XDG_STATE_HOME=. exec " VNJS_PROGRAM " repl ";
+    Terminal terminal(command + options);
+    terminal.Type("", "> ");
+    terminal.Type("function f() { console.log('bu' + 'sy'); for (;;) {} }\r", "undefined\r\n> ");
+    terminal.Type("for (let i = 0; i < 20; ++i) setTimeout(f, 0)\r", "busy");
+    terminal.Type("\x03", "was interrupted");
+    terminal.Type("", "> ");
+    terminal.Type("\x04", "");
+    EXPECT_EQ(terminal.Wait(), 0) << options;
+
+    Terminal left(command + options);
+    left.Type("", "> ");
+    left.Type("console.log('bu' + 'sy'); for (;;) {}\r", "busy");
+    left.GoAway();
+    EXPECT_EQ(left.Wait(), 0) << options;
   }
 }
 
