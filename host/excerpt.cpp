@@ -1,13 +1,14 @@
 #include "host/excerpt.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
-#include <regex>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 namespace vnjs::host {
@@ -77,24 +78,64 @@ std::string Show(const std::string& line, size_t number, size_t column) {
          Blank(line.substr(begin, caret - begin)) + "^\n";
 }
 
+struct Place {
+  std::string_view source;
+  size_t line = 0;
+  size_t column = 0;
+};
+
+/// The number behind the colon that stands at `*at`, which moves behind it. 0 when there is none.
+size_t ReadNumber(std::string_view text, size_t* at) {
+  size_t end = *at;
+  if (end == text.size() || text[end] != ':') return 0;
+  size_t number = 0;
+  for (++end; end < text.size() && end - *at <= 9 && isdigit(static_cast<unsigned char>(text[end])) != 0;
+       ++end)
+    number = number * 10 + static_cast<size_t>(text[end] - '0');
+  *at = end;
+  return number;
+}
+
+/// The name that ends where the text does: at its beginning, in a parenthesis, or behind "at". Empty when none does.
+std::string_view SourceBefore(std::string_view text) {
+  const size_t before = text.find_last_of("():\n");
+  const std::string_view part = text.substr(before + 1);
+  if (before != std::string_view::npos && text[before] == '(') return part;
+  const size_t at = part.rfind("at ");
+  if (at != std::string_view::npos && (at == 0 || part[at - 1] == ' ')) return part.substr(at + 3);
+  return before == std::string_view::npos ? part : std::string_view();
+}
+
+/// The first place that the text names. Not by a regular expression: those of the standard library take a stack that
+/// grows with the text, and scripts fail where little is left of it.
+Place FindPlace(std::string_view text) {
+  for (size_t colon = text.find(':'); colon != std::string_view::npos; colon = text.find(':', colon + 1)) {
+    Place place;
+    size_t at = colon;
+    place.line = ReadNumber(text, &at);
+    place.column = ReadNumber(text, &at);
+    place.source = SourceBefore(text.substr(0, colon));
+    if (place.line > 0 && place.column > 0 && !place.source.empty() && place.source[0] != ' ') return place;
+  }
+  return {};
+}
+
 }  // namespace
 
 std::string Excerpt(const std::string& text) {
-  static const std::regex kPlace(R"((?:^|\(|at )([^\s():][^():\n]*):(\d{1,9}):(\d{1,9}))");
-  const std::string searched = text.substr(0, kSearched);
-  std::smatch place;
-  if (!std::regex_search(searched, place, kPlace)) return {};
+  const Place place = FindPlace(std::string_view(text).substr(0, kSearched));
+  if (place.source.empty()) return {};
   const std::lock_guard<std::mutex> lock(mutex);
-  const std::string name = place.str(1) + ':' + place.str(2) + ':' + place.str(3);
+  const std::string source(place.source);
+  const std::string name = source + ':' + std::to_string(place.line) + ':' + std::to_string(place.column);
   if (name == lastPlace) return {};
-  const size_t number = std::stoul(place.str(2));
-  const auto kept = keptSources.find(place.str(1));
+  const auto kept = keptSources.find(source);
   std::istringstream code(kept == keptSources.end() ? "" : kept->second);
   const std::string line =
-      kept == keptSources.end() ? LineOfFile(place.str(1), number) : LineOf(code, number);
+      kept == keptSources.end() ? LineOfFile(source, place.line) : LineOf(code, place.line);
   if (line.empty()) return {};
   lastPlace = name;
-  return Show(line, number, std::stoul(place.str(3)));
+  return Show(line, place.line, place.column);
 }
 
 void KeepSource(const std::string& name, const std::string& code) {

@@ -16,7 +16,8 @@ namespace vnjs::host {
 ///
 /// Threads:  one thread reads; WriteLog is for any. The client's OnInterrupt is called on a thread of this object.
 /// Signals:  from its construction on, SIGINT drops the line that is typed, SIGTERM and SIGHUP end the input; each is
-///           also told to the client, until the next line is awaited. A second SIGTERM or SIGHUP ends the process. One object per process.
+///           also told to the client, until the next line is awaited. A second SIGTERM or SIGHUP ends the process.
+///           One object per process.
 class LineEditor {
  public:
   class Client {

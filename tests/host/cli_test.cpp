@@ -194,6 +194,12 @@ TEST_F(CliTest, RefusesWhatCannotBeDoneBeforeAnythingRuns) {
   EXPECT_FALSE(files::exists(folder.path() + "storage"));
 }
 
+TEST_F(CliTest, LogsWhereLittleIsLeftOfTheStack) {
+  EXPECT_EQ(
+      Shell("ulimit -s 1024; vnjs eval \"function f() { console.error('at '.repeat(1000)); f(); } f()\""), 1);
+  EXPECT_THAT(Messages(), HasSubstr("Maximum call stack size exceeded"));
+}
+
 TEST_F(CliTest, LogLinesStandInColumnsAndHaveColoursOnATerminal) {
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
   ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
