@@ -1,6 +1,7 @@
 'use strict';
-// types/vnjs.d.ts: globals and members that scripts have but nobody declared, declared ones that are missing, of another
-// kind, or that take other arguments; declarations that let mistakes pass, and examples that do not fit them.
+// types/vnjs.d.ts: globals and members that scripts have but nobody declared or described, declared ones that are
+// missing, of another kind, or that take other arguments; declarations that let mistakes pass, and examples that do not
+// fit them.
 //
 // Called as types_test.js VNJS_PROGRAM SOURCE_FOLDER.
 
@@ -137,6 +138,9 @@ const {names, things} = JSON.parse(stdout);
 
 const known = new Set([...kInternals, ...globals.map((symbol) => symbol.name)]);
 for (const name of names.filter((name) => !known.has(name))) failures.push(`${name}: not declared`);
+const reference = fs.readFileSync(path.join(root, 'docs/scripts.md'), 'utf8');
+for (const {name} of globals.filter(isOurs))
+  if (!reference.includes(`\`${name}`)) failures.push(`${name}: not in docs/scripts.md`);
 entries.forEach(({expression, kind, optional, rest, required, samples, members}, index) => {
   const there = things[index];
   const say = (what) => failures.push(`${expression}: ${what}`);
