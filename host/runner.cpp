@@ -54,7 +54,11 @@ Runner::Runner(const std::string& storageDir, LogLevel level, bool threaded, dou
 Runner::~Runner() {
   // While somebody still interrupts what the worker runs.
   m_automation.StopThread();
-  m_done = true;
+  {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_done = true;
+  }
+  m_ended.notify_one();
   m_watcher.join();
 }
 
@@ -68,7 +72,7 @@ void Runner::StopOnSignals() {
 
 void Runner::Watch(double timeout) {
   auto lastWithoutSignal = std::chrono::steady_clock::now();
-  for (; !m_done; std::this_thread::sleep_for(kStep)) {
+  for (std::unique_lock<std::mutex> lock(m_mutex); !m_done; m_ended.wait_for(lock, kStep)) {
     const auto now = std::chrono::steady_clock::now();
     if (stopSignals == 0) lastWithoutSignal = now;
     if (Elapsed() >= timeout) m_timedOut = true;

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -63,7 +65,11 @@ class Runner {
   std::atomic<bool> m_timedOut{false};
   FileWatch& m_files;
   Automation m_automation;
-  std::atomic<bool> m_done{false};
+
+  /// What wakes the watcher when there is nothing more to watch.
+  std::mutex m_mutex;
+  std::condition_variable m_ended;
+  bool m_done = false;
   std::thread m_watcher;
 };
 
