@@ -17,14 +17,17 @@
 namespace vnjs::testing {
 namespace {
 
-/// The program on a terminal of its own. Killed when it outlives this object.
+/// The program on a terminal of its own, at its first prompt. Killed when it outlives this object.
 class Terminal {
  public:
-  explicit Terminal(const std::string& command) {
+  Terminal(const TemporaryFolder& folder, const std::string& options) {
+    const std::string command =
+        "cd " + folder.path() + "; NO_COLOR=1 XDG_STATE_HOME=$PWD exec " VNJS_PROGRAM " repl " + options;
     const winsize size = {24, 80, 0, 0};
     m_pid = forkpty(&m_terminal, nullptr, nullptr, &size);
     if (m_pid == 0) _exit(execl("/bin/sh", "sh", "-c", command.c_str(), nullptr));
     fcntl(m_terminal, F_SETFL, O_NONBLOCK);
+    Type("", "> ");
   }
   ~Terminal() {
     GoAway();
@@ -46,6 +49,11 @@ class Terminal {
     m_unseen.erase(0, m_unseen.find(shown) + shown.size());
   }
   void GoAway() { close(std::exchange(m_terminal, -1)); }
+  void ExpectEnd() {
+    Type("", "> ");
+    Type("\x04", "");
+    EXPECT_EQ(Wait(), 0);
+  }
   int Wait() {
     EXPECT_TRUE(WaitUntil([&] { return waitpid(m_pid, &m_status, WNOHANG) == m_pid; }));
     return m_status;
@@ -97,9 +105,7 @@ TEST(ReplTest, RunsInputThatNobodyTypes) {
 TEST(ReplTest, ServesATerminal) {
   const TemporaryFolder folder;
   for (const char* options : {"", "--threaded"}) {
-    Terminal terminal("cd " + folder.path() + "; NO_COLOR=1 XDG_STATE_HOME=" + folder.path() +
-                      " exec " VNJS_PROGRAM " repl " + options);
-    terminal.Type("", "> ");
+    Terminal terminal(folder, options);
     terminal.Type("let lamp = {level: 40}, calls = 0; const note = () => ++calls\r", "undefined\r\n");
     terminal.Type(
         "var o = {get g() { return note() }, p: new Proxy({}, {ownKeys: note, getOwnPropertyDescriptor: "
@@ -115,11 +121,7 @@ TEST(ReplTest, ServesATerminal) {
                   "info    core  came due\r\n");
     terminal.Type("", "> lamp.le");
     terminal.Type("vel\r", "\n40\r\n");
-    terminal.Type("console.log('bu' + 'sy'); for (;;) {}\r", "busy");
-    terminal.Type("\x03", "interrupted at repl:8:27\r\n");
-    terminal.Type("", "> ");
-    terminal.Type("\x04", "");
-    EXPECT_EQ(terminal.Wait(), 0);
+    terminal.ExpectEnd();
     EXPECT_THAT(folder.Read("vnjs/history"), ::testing::HasSubstr("lamp.level\\040+\\0402"));
   }
 }
@@ -129,35 +131,26 @@ TEST(ReplTest, ShowsLinesThoughAKeyWaitsForTheScriptThatWritesThem) {
   GTEST_SKIP() << "ThreadSanitizer keeps signals back while a thread waits for a lock";
 #endif
   const TemporaryFolder folder;
-  Terminal terminal("cd " + folder.path() + "; XDG_STATE_HOME=. exec " VNJS_PROGRAM " repl --threaded");
-  terminal.Type("", "> ");
+  Terminal terminal(folder, "--threaded");
   terminal.Type(
       "setTimeout(() => { console.log('be' + 'gun'); for (const t = Date.now(); Date.now() - t < 500;); "
       "for (;;) console.log('fl' + 'o'.repeat(1e4)) }, 0)\r",
       "begun");
   terminal.Type("Math.lo\t", "floooo");
   terminal.Type("\x03", "was interrupted");
-  terminal.Type("", "> ");
-  terminal.Type("\x04", "");
-  EXPECT_EQ(terminal.Wait(), 0);
+  terminal.ExpectEnd();
 }
 
 TEST(ReplTest, EndsThoughCallbacksAndScriptsDoNot) {
   const TemporaryFolder folder;
   for (const char* options : {"", "--threaded"}) {
-    const std::string command =
-        "cd " + folder.path() + "; NO_COLOR=1 XDG_STATE_HOME=. exec " VNJS_PROGRAM " repl ";
-    Terminal terminal(command + options);
-    terminal.Type("", "> ");
+    Terminal terminal(folder, options);
     terminal.Type("function f() { console.log('bu' + 'sy'); for (;;) {} }\r", "undefined\r\n> ");
     terminal.Type("for (let i = 0; i < 20; ++i) setTimeout(f, 0)\r", "busy");
-    terminal.Type("\x03", "was interrupted");
-    terminal.Type("", "> ");
-    terminal.Type("\x04", "");
-    EXPECT_EQ(terminal.Wait(), 0) << options;
+    terminal.Type("\x03", "was interrupted at repl:1:");
+    terminal.ExpectEnd();
 
-    Terminal left(command + options);
-    left.Type("", "> ");
+    Terminal left(folder, options);
     left.Type("console.log('bu' + 'sy'); for (;;) {}\r", "busy");
     left.GoAway();
     EXPECT_EQ(left.Wait(), 0) << options;
