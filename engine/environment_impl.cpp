@@ -341,6 +341,11 @@ void RequireMemory(Environment* environment, size_t bytes) {
   if (!memory->Fits(bytes)) throw VornException(GetVornError(-2));
 }
 
+void RequireMemoryForLine(Environment* environment, size_t bytes) {
+  constexpr size_t kNeverRefused = 1 << 20;
+  if (bytes >= kNeverRefused) RequireMemory(environment, bytes);
+}
+
 bool IsInterrupted(Environment* environment) {
   auto* const ours = dynamic_cast<EnvironmentImpl*>(environment);
   return ours != nullptr && ours->GetRunGuard().IsStopping();

@@ -41,9 +41,8 @@ void Console::Write(const Info& info) {
   std::string line;
   for (int i = 0; i < info.Length(); ++i) {
     if (i > 0) line += ' ';
-    // Not charged, as it is gone soon.
     const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
-    RequireMemory(environment, line.size() + static_cast<size_t>(more));
+    RequireMemoryForLine(environment, line.size() + static_cast<size_t>(more));
     line += info[i]->IsString() ? GetString(info[i]) : Describe(isolate, info[i]);
   }
   const bool isError = info.Data()->BooleanValue(isolate);

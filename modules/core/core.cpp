@@ -78,9 +78,8 @@ void Core::DebugPrint(const Info& info) {
   std::string text;
   for (int i = 0; i < info.Length(); ++i) {
     if (i > 0) text += ' ';
-    // Not charged, as it is gone soon.
     const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
-    RequireMemory(environment, text.size() + static_cast<size_t>(more));
+    RequireMemoryForLine(environment, text.size() + static_cast<size_t>(more));
     text += GetString(info[i]);
   }
   environment->Log(1, text, nullptr);

@@ -118,6 +118,11 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
   for (const std::string print : {"console.log", "debugPrint"}) {
     EXPECT_EQ(Fail(print + "('x'.repeat(5e6))"), "Uncaught Error: Bad allocation");
     EXPECT_EQ(Fail(print + "(...Array(60).fill('x'.repeat(1e5)))"), "Uncaught Error: Bad allocation");
+    // What tells of it needs some itself.
+    Run("var kept = []; try { for (;;) kept.push(new Uint8Array(1000)); } catch (e) { " + print +
+        "('full'.repeat(1000)); }");
+    EXPECT_THAT(LogLines().back(), StartsWith("fullfull"));
+    Run("kept = null");
   }
 }
 

@@ -22,6 +22,7 @@ TEST_F(TimersTest, ArgumentsAndDelaysOfZero) {
     var id = setTimeout(note, 0); [id, clearTimeout(id), setTimeout(note, 'no number')] ==> [1,null,2]
   )js");
   EXPECT_TRUE(automation->HasPendingWork());
+  EXPECT_THAT(automation->PendingWork(), ElementsAre("callbacks queued: 2"));
   EXPECT_TRUE(automation->ProcessPendingCallbacks());
   EXPECT_EQ(Run("got"), "[1,1,true,1,2,true]");
   EXPECT_TRUE(environment()->GetThread("vorn/timers").is_empty());
