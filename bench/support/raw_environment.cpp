@@ -7,6 +7,9 @@
 namespace vnjs::bench {
 namespace {
 
+/// The library's default: how often a heap is collected depends on how large it may become.
+constexpr size_t kHeapLimit = size_t{64} * 1024 * 1024;
+
 std::string TextOf(v8::Isolate* isolate, v8::Local<v8::Value> value) {
   const v8::String::Utf8Value text(isolate, value);
   return *text == nullptr ? "" : std::string(*text, text.length());
@@ -25,6 +28,7 @@ RawEnvironment::RawEnvironment() {
       v8::ArrayBuffer::Allocator::NewDefaultAllocator());
   v8::Isolate::CreateParams parameters;
   parameters.array_buffer_allocator_shared = allocator;
+  parameters.constraints.ConfigureDefaultsFromHeapSize(0, kHeapLimit);
   m_isolate = v8::Isolate::New(parameters);
   const v8::Locker locker(m_isolate);
   const v8::Isolate::Scope isolateScope(m_isolate);
