@@ -110,8 +110,7 @@ bool EnvironmentImpl::RunWorkerCycle() {
 }
 
 void EnvironmentImpl::NotifyIdle() {
-  const v8::Locker locker(m_isolate);
-  const v8::Isolate::Scope isolateScope(m_isolate);
+  const ScriptScope scope(m_isolate, m_context);
   for (int round = 0; round < kMostIdleRounds; ++round) {
     if (m_isolate->IdleNotificationDeadline(EnginePlatform()->MonotonicallyIncreasingTime() + 1.0)) break;
   }

@@ -1,5 +1,7 @@
 // Life and end of environments: the worker, callers that wait while it ends, callbacks and script values that
 // outlive their environment, loggers, named threads, and many environments at once.
+#include <malloc.h>
+
 #include <atomic>
 #include <thread>
 
@@ -157,6 +159,18 @@ TEST_F(EnvironmentTest, EndsWhileNamedThreadsRunScriptsAgainAndAgain) {
   environment()->CreateThread("first", spin, nullptr);
   environment()->CreateThread("second", spin, nullptr);
   ExpectQuickEnd();
+}
+
+TEST_F(EnvironmentTest, ThreadsThatRanAScriptAreForgotten) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers' malloc tells nothing";
+#endif
+  const auto taken = [&](int threads) {
+    for (int i = 0; i < threads; ++i) std::thread([&] { Run("1"); }).join();
+    return mallinfo2().uordblks;
+  };
+  const size_t before = taken(500);
+  EXPECT_LT(taken(2000), before + 50000);
 }
 
 TEST_F(EnvironmentTest, TwentyTogether) {
