@@ -33,6 +33,9 @@ struct StackBounds {
   }
 };
 
+/// The lowest address for natives that call each other.
+thread_local uintptr_t t_lowest = 0;
+
 }  // namespace
 
 void LimitStack(v8::Isolate* isolate) {
@@ -40,11 +43,16 @@ void LimitStack(v8::Isolate* isolate) {
   thread_local const StackBounds bounds;
   const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   uintptr_t limit = here > kScriptStack ? here - kScriptStack : 1;
+  uintptr_t reserve = kReserve;
   // A host's fibre runs on a stack that the system does not know; the engine's assumption must do there.
   if (here - bounds.lowest < bounds.size) {
-    limit = std::max(limit, bounds.lowest + std::min(kReserve, bounds.size / 2));
+    reserve = std::min(kReserve, bounds.size / 2);
+    limit = std::max(limit, bounds.lowest + reserve);
   }
   isolate->SetStackLimit(limit);
+  t_lowest = limit - std::min(limit, reserve / 2);
 }
+
+bool IsStackUsedUp() { return reinterpret_cast<uintptr_t>(__builtin_frame_address(0)) < t_lowest; }
 
 }  // namespace vnjs

@@ -9,4 +9,8 @@ namespace vnjs {
 /// Under the isolate's lock, each time a thread enters it.
 void LimitStack(v8::Isolate* isolate);
 
+/// For natives that the engine may call inside one another without any script between them, which is where it looks at
+/// the limit: whether the calling thread is so far below its limit that this one must go no deeper.
+bool IsStackUsedUp();
+
 }  // namespace vnjs

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "bridge/native.h"
+#include "bridge/stack_limit.h"
 
 namespace vnjs {
 
@@ -75,6 +76,11 @@ v8::Local<v8::Value> GetRealValue(v8::Isolate* isolate, v8::Local<v8::Object> ob
   }
   if (property.IsEmpty() || property->IsNullOrUndefined()) {
     return ThrowException(isolate, "Invalid prop argument to GetRealValue");
+  }
+  // An object whose prototype has an interceptor, too, comes back here, and so on along the chain.
+  if (IsStackUsedUp()) {
+    const v8::Local<v8::String> message = NewName(isolate, "Maximum call stack size exceeded");
+    return isolate->ThrowException(v8::Exception::RangeError(message));
   }
   const v8::Local<v8::Context> context = isolate->GetCurrentContext();
   v8::Local<v8::Value> value;

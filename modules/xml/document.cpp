@@ -98,6 +98,10 @@ void Xml::New(const Info& info) {
     if (doc == nullptr || doc->dict == nullptr) throw std::bad_alloc();
   } else {
     if (!IsText(info[0])) throw VornException("Invalid args");
+    // A tree takes at least what its text took.
+    const v8::Local<v8::String> text =
+        info[0]->IsString() ? info[0].As<v8::String>() : info[0].As<v8::StringObject>()->ValueOf();
+    RequireMemory(environment, static_cast<size_t>(text->Length()));
     doc = ParseXml(GetString(info[0]), GetMemoryBudget(environment)->limit());
   }
   if (doc == nullptr) throw VornException(GetLastXmlError());

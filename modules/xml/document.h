@@ -27,7 +27,6 @@ class Document : public Tree {
   /// collect some at once, never this one.
   void Charge();
 
-  v8::Isolate* isolate() const { return m_isolate; }
   v8::Local<v8::Object> object() const { return m_object.Get(m_isolate); }
 
  private:

@@ -199,7 +199,7 @@ constexpr std::pair<std::string_view, std::string_view> kOpaque[] = {
 
 /// Where the markup that a text starts with ends, as far as that takes: at the next one, if it is a tag.
 size_t EndOfMarkup(std::string_view text) {
-  const bool isTag = text[1] != '!' && text[1] != '?';
+  const bool isTag = text.size() < 2 || (text[1] != '!' && text[1] != '?');
   for (const auto& [start, end] : kOpaque) {
     if (!isTag && text.compare(0, start.size(), start) == 0)
       return std::min(text.find(end, start.size()), text.size());
@@ -255,7 +255,7 @@ bool HasLongDoctype(std::string_view text) {
 bool IsDeep(const xmlDoc* doc) {
   int depth = 0;
   for (const xmlNode* node = xmlDocGetRootElement(doc); node != nullptr;) {
-    if (node->type == XML_ELEMENT_NODE && ++depth > kDeepest + 1) return true;
+    if (node->type == XML_ELEMENT_NODE && ++depth > kDeepest) return true;
     if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
       node = node->children;
       continue;

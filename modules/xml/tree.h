@@ -31,7 +31,7 @@ inline const char* FromXml(const xmlChar* text) { return reinterpret_cast<const 
 
 /// The deepest element of a document, the root being 1. The parser takes no more, so nothing deeper may be
 /// built: it could not be parsed again, and libxml2 looks at all ancestors of a node where it sorts.
-constexpr int kDeepest = 256;
+constexpr int kDeepest = 257;
 
 /// The most attributes that an element may have, the namespaces it declares included. libxml2 compares each with
 /// all others: 5,000 take it a tenth of a second on a desktop machine, 100,000 take it a minute.

@@ -98,6 +98,7 @@ bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Names
   const v8::Local<v8::Object> map = value.As<v8::Object>();
   v8::Local<v8::Array> prefixes;
   if (!map->GetPropertyNames(context).ToLocal(&prefixes)) return false;
+  size_t bytes = 0;
   for (uint32_t i = 0; i < prefixes->Length(); ++i) {
     const v8::HandleScope handleScope(isolate);
     v8::Local<v8::Value> prefix;
@@ -106,7 +107,11 @@ bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Names
     // Names that look like an index come as numbers.
     if (!prefix->IsString()) continue;
     if (!map->Get(context, prefix).ToLocal(&uri)) return false;
-    if (IsText(uri)) namespaces->emplace_back(GetString(prefix), GetString(uri));
+    if (!IsText(uri)) continue;
+    namespaces->emplace_back(GetString(prefix), GetString(uri));
+    // Of a string that the script has once there may be many copies, and libxml2 makes another one of each.
+    bytes += 2 * (namespaces->back().first.size() + namespaces->back().second.size());
+    RequireMemory(GetEnvironment(isolate), bytes);
   }
   return true;
 }

@@ -143,7 +143,8 @@ TEST_F(XmlTest, HostileDocumentsAndObjectsEndInAnError) {
     outcome(`<a><b>${'xxxxxxx&amp;'.repeat(1.3e6)}</b><c/></a>`).slice(0, 10) ==> "XML error:"
 
     function nest(n) { return n == 1 ? {name: 'a'} : {name: 'a', children: [nest(n - 1)]}; }
-    var d = parse(build(nest(256))); build(nest(257))     ==> Uncaught Error: XML is nested too deeply
+    var d = parse(build(nest(257))); build(nest(258))     ==> Uncaught Error: XML is nested too deeply
+    fail(() => d.root = d.root) + outcome(tags(258) + ends(258)).slice(0, 20) ==> "no exceptionXML error: Excessive"
     d.findOne('//a[not(a)]').insertChild({name: 'b'})     ==> Uncaught Error: XML is nested too deeply
     build({name: 'a', children: new Array(4e9)})          ==> Uncaught Error: XML is too large
     var text = 'x'.repeat(1e7), child = {name: 'b', text};
@@ -249,6 +250,11 @@ TEST_F(XmlTest, Attributes) {
     [i.findOne('id("l")').name, i.findOne('id("k")'), i.removeChild(0), i.findOne('id("l")')] ==> ["e",null,true,null]
     var heir = Object.create(m); heir.own = 1; [heir.lang, heir.own, m.own] ==> [null,1,null]
     for (const k in r.attributes) { delete r.attributes.again; r.attributes ? 0 : 'gone'; } ==> "gone"
+    // Each has the interceptors of the one before it below.
+    var o = root('<r a="1"/>'), p = o.attributes; ==> undefined
+    for (let i = 0; i < 30000; ++i) p = Object.setPrototypeOf(o.attributes, p);
+    [() => p.b, () => p.b = 1, () => Reflect.set(p, 'c', 1)].map(fail)
+        ==> ["Maximum call stack size exceeded","Maximum call stack size exceeded","Maximum call stack size exceeded"]
     // After exit() the environment keeps no new state, but the script goes on.
     exit(); r.insertChild({name: 'c'}); parse('<l/>').root.name + r.children.length + m.a ==> "l12"
   )js");
@@ -298,6 +304,8 @@ TEST_F(XmlTest, XPath) {
     [s.findOne(x, {s: 'urn:x'}).name, s.findOne(x, Object.create(own)).name] ==> ["a","a"]
     [s.findOne(x) === undefined, s.findAll(x), s.findOne(x, {s: 5}), s.findOne(x, {s: 'urn:y'})] ==> [true,[],null,null]
     s.findOne(x, {get s() { throw 'mine'; }})      ==> Uncaught mine
+    var uri = 'u'.repeat(1e6); s.findOne(x, Object.fromEntries(list(100, i => ['p' + i, uri])))
+        ==> Uncaught Error: Bad allocation
     [[], [5], [{toString() { return '//a'; }}]].filter(a =>
       [() => d.findOne(...a), () => n.findAll(...a)].some(f => fail(f) !== 'Invalid argument')) ==> []
     ['((', '//', '', 'nope()', '$v', '\ud800'].filter(x => d.findOne(x) !== undefined || d.findAll(x).length) ==> []
