@@ -22,7 +22,8 @@ std::string ReadFile(const char* path) {
     const TextPointer reason(sys_last_err_string());
     throw VornException(failure + " " + (reason ? reason.get() : ""));
   }
-  if (S_ISDIR(status.st_mode)) return {};
+  // A pipe has no size either, and opening it would wait for somebody who writes.
+  if (S_ISDIR(status.st_mode) || S_ISFIFO(status.st_mode)) return {};
 
   // Closed on exec: a command started on another thread must not inherit it.
   const FilePointer file(fopen(path, "rbe"));

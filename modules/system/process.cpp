@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <sys/uio.h>
@@ -7,6 +8,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 #include "modules/system/descriptor.h"
@@ -32,9 +34,17 @@ struct Pipe {
 /// Leaves the command none of the host's files but the standard three.
 void CloseOthersOnExec() {
   if (close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
-  // A kernel before 5.11. The tables of such systems are short.
-  const long end = sysconf(_SC_OPEN_MAX);
-  for (int fd = 3; fd < end; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
+  // A kernel before 5.11. There may be as many as a million numbers, and few of them in use.
+  const int folder = open("/proc/self/fd", O_RDONLY | O_DIRECTORY);
+  alignas(dirent64) char entries[2048];
+  for (ssize_t size = 0; (size = getdents64(folder, entries, sizeof entries)) > 0;) {
+    for (ssize_t at = 0; at < size;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(entries + at);
+      const int fd = atoi(entry->d_name);
+      if (fd > STDERR_FILENO) fcntl(fd, F_SETFD, FD_CLOEXEC);
+      at += entry->d_reclen;
+    }
+  }
 }
 
 /// Handlers of the host must not run in the child, whose memory is the host's.

@@ -14,9 +14,11 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "bridge/c_resource.h"
+#include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "engine/registration.h"
 #include "modules/system/descriptor.h"
@@ -96,6 +98,14 @@ struct Outcome {
   std::string output;
 };
 
+/// Ends a command and waits for its end. What its shell has started goes on, with nobody to read its output.
+void Kill(pid_t pid) {
+  int status = 0;
+  kill(pid, SIGKILL);
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+}
+
 /// Reads the output of a command until it has ended. There is no pause between two looks at it, and the limit
 /// is looked at only when output came or ended: a command that is silent runs on past it, and is late once it
 /// writes or closes its output. Both are kept for the scripts that depend on it.
@@ -112,17 +122,15 @@ Outcome Collect(Environment* environment, pid_t pid, int out) {
     if (waitpid(pid, &outcome.status, WNOHANG) != 0) break;
     outcome.interrupted = IsInterrupted(environment);
     if (outcome.interrupted) {
-      // What the shell has started goes on, with nobody to read its output.
-      kill(pid, SIGKILL);
-      while (waitpid(pid, &outcome.status, 0) < 0 && errno == EINTR) {
-      }
+      Kill(pid);
       break;
     }
     // Not a pause: where command and caller share a processor, the command comes to its turn.
     if (count <= 0) sched_yield();
   }
-  while (ReadChunk(out, outcome.output) > 0) {
-  }
+  // Something that the command has left running may write faster than it is read.
+  while (!outcome.interrupted && ReadChunk(out, outcome.output) > 0)
+    outcome.interrupted = IsInterrupted(environment);
   return outcome;
 }
 
@@ -139,7 +147,13 @@ Outcome RunCommand(Environment* environment, const std::string& command) {
     pclose2(pid, 0, out.Release());
     ThrowSystemError(error);
   }
-  Outcome outcome = Collect(environment, pid, fd);
+  Outcome outcome;
+  try {
+    outcome = Collect(environment, pid, fd);
+  } catch (const std::bad_alloc&) {
+    Kill(pid);
+    throw;
+  }
   // The command leads no group, so this reaches it only if it made one of its own. Nobody waits for it either
   // way.
   if (outcome.timedOut) pkill2(pid);
@@ -160,7 +174,11 @@ void System::SystemCall(const Info& info) {
   if (!IsAllowed(environment->StorageDir() + ".syscommands", command)) {
     throw VornException("This command is denied by policy");
   }
-  for (int i = 1; i < info.Length(); ++i) command += ' ' + Quoted(GetString(info[i]));
+  for (int i = 1; i < info.Length(); ++i) {
+    const std::string argument = Quoted(GetString(info[i]));
+    RequireMemory(environment, command.size() + argument.size());
+    command += ' ' + argument;
+  }
   // A script that was terminated inside an argument's toString has no complete command.
   if (isolate->IsExecutionTerminating()) return;
 

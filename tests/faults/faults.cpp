@@ -282,6 +282,7 @@ void TryAllocations(const ListedScript& test) {
   const std::string result = AttemptArmed([&] { return make(), Operate(*automation, test); });
   const bool failed = report->count >= report->call;
   if (result != test.expected && !(failed && IsTold(result))) Note(result);
+  if (waitpid(-1, nullptr, WNOHANG) != -1) Note("a command is left");
   const std::string next = Attempt([&] {
     make();
     const bool ended = automation->IsTerminating();

@@ -1,5 +1,6 @@
 // fs: paths that must not leave the storage directory, bytes that must come back as they are, and what
 // scripts see of files that are missing, strange or large.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -94,11 +95,13 @@ TEST_F(FsTest, LoadersGiveBytesTextAndJson) {
   folder.Write("bytes", bytes);
   folder.Write("text", std::string("\xE2\x82\xAC\xF0\x9F\x92\xA1 \xFF\0rest", 14));
   folder.Write("bom", "\xEF\xBB\xBFx");
+  ASSERT_EQ(mkfifo((dir() + "pipe").c_str(), 0600), 0);
   RunTable(R"js(
     var s = fs.load('bytes'); [s.length, Array.from(s).every((c, i) => c.charCodeAt(0) === 255 - i)] ==> [256,true]
     [fs.loadText('text'), fs.load('text').length, fs.loadText('bom').length] ==> ["€💡 �",14,2]
     fs.load('storage') + fs.loadText('storage')    ==> ""
     fs.loadJSON('storage')                         ==> Uncaught SyntaxError: Unexpected end of JSON input
+    fs.load('pipe') + fs.loadText('pipe') + executeFile('pipe') ==> "undefined"
     loaders.map(load => fail(() => fs[load]('ab/../no')).replace(/\/.*vnjs-\w+/, '')).filter(
       message => message !== 'Failed to open file: /ab/../no No such file or directory') ==> []
   )js");
