@@ -154,13 +154,28 @@ void Timers::TimerCallback::Call() {
   }
 }
 
+namespace {
+
+/// What an argument means as a number of 32 bits. False when it means none: that is refused as any other bad argument,
+/// without what the script's own code may have thrown. Called before any lock is held, because that code can also set
+/// timers.
+template <typename Number>
+bool ToNumber(v8::Isolate* isolate, v8::Local<v8::Value> argument,
+              v8::Maybe<Number> (v8::Value::*convert)(v8::Local<v8::Context>) const, Number* number) {
+  v8::TryCatch caught(isolate);
+  if (((*argument)->*convert)(isolate->GetCurrentContext()).To(number)) return true;
+  if (caught.HasTerminated()) caught.ReThrow();
+  return false;
+}
+
+}  // namespace
+
 void Timers::SetTimeout(const Info& info) {
   if (info.Length() < 2 || !info[0]->IsFunction()) return;
   v8::Isolate* const isolate = info.GetIsolate();
   const bool recurring = info.Data()->BooleanValue(isolate);
   int32_t delay = 0;
-  // Converting can run script code that throws, and before any lock is held because it can also set timers.
-  if (!info[1]->Int32Value(isolate->GetCurrentContext()).To(&delay)) return;
+  if (!ToNumber(isolate, info[1], &v8::Value::Int32Value, &delay)) return;
   if (delay < 0 || (delay == 0 && recurring)) return;
   info.GetReturnValue().Set(
       GetTimersContext(GetEnvironment(isolate))->Add(isolate, info[0], delay, recurring));
@@ -169,7 +184,7 @@ void Timers::SetTimeout(const Info& info) {
 void Timers::ClearTimeout(const Info& info) {
   v8::Isolate* const isolate = info.GetIsolate();
   uint32_t id = 0;
-  if (!info[0]->Uint32Value(isolate->GetCurrentContext()).To(&id) || id == 0) return;
+  if (!ToNumber(isolate, info[0], &v8::Value::Uint32Value, &id) || id == 0) return;
   if (!GetTimersContext(GetEnvironment(isolate))->Clear(id, info.Data()->BooleanValue(isolate))) {
     info.GetReturnValue().Set(ThrowException(isolate, "clearTimeout()/clearInterval() mismatch"));
   }

@@ -18,9 +18,8 @@ namespace vnjs {
 
 /// "vorn/timers": `setTimeout`, `setInterval` and their clear functions.
 ///
-/// Threads:  the natives run under the isolate's lock. One thread per environment, started by the first timer
-/// with
-///           a delay, counts all timers down in steps of 25 ms and queues a callback for each that comes due;
+/// Threads:  the natives run under the isolate's lock. One thread per environment, started by the first timer with a
+///           delay, counts all timers down in steps of 25 ms and queues a callback for each that comes due;
 ///           it never touches the engine.
 /// Locks:    the context's lock comes before the environment's callback lock.
 class Timers : public Module {
