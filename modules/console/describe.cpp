@@ -31,7 +31,8 @@ std::string DateText(double milliseconds) {
   return text;
 }
 
-/// Builds the text of one value. What it asks objects for runs no script but a handler that makes stacks of errors.
+/// Builds the text of one value. What it asks objects for runs no script, except where the engine itself does: for the
+/// stack of an error, and for an accessor in a NameValueDictionary.
 class Description {
  public:
   explicit Description(v8::Isolate* isolate)
@@ -103,20 +104,31 @@ class Description {
     } else if (object->IsRegExp()) {
       AddRegExp(object.As<v8::RegExp>());
     } else if (object->IsNativeError()) {
-      const std::string stack = GetString(OwnValue(object, "stack"));
-      m_text += stack.empty() ? name + ": " + GetString(OwnValue(object, "message")) : stack;
+      const std::string stack = OwnText(object, "stack");
+      m_text += stack.empty() ? name + ": " + OwnText(object, "message") : stack;
     } else if (object->IsPromise()) {
       AddPromise(object.As<v8::Promise>());
     } else if (object->IsArrayBuffer() || object->IsSharedArrayBuffer()) {
       m_text += name + " {}";
-    } else if (object->IsStringObject()) {
-      m_text += "[String: ";
-      Add(object.As<v8::StringObject>()->ValueOf());
-      m_text += "]";
     } else {
-      return false;
+      const v8::Local<v8::Value> primitive = Unwrap(object);
+      if (primitive.IsEmpty()) return false;
+      m_text += "[" + name + ": ";
+      Add(primitive);
+      m_text += "]";
     }
     return true;
+  }
+
+  /// What an object of `new Number(1)` and its like stands for; empty for all others.
+  v8::Local<v8::Value> Unwrap(v8::Local<v8::Object> object) const {
+    if (object->IsStringObject()) return object.As<v8::StringObject>()->ValueOf();
+    if (object->IsSymbolObject()) return object.As<v8::SymbolObject>()->ValueOf();
+    if (object->IsBigIntObject()) return object.As<v8::BigIntObject>()->ValueOf();
+    if (object->IsNumberObject()) return v8::Number::New(m_isolate, object.As<v8::NumberObject>()->ValueOf());
+    if (object->IsBooleanObject())
+      return v8::Boolean::New(m_isolate, object.As<v8::BooleanObject>()->ValueOf());
+    return {};
   }
 
   void AddRegExp(v8::Local<v8::RegExp> expression) {
@@ -219,13 +231,16 @@ class Description {
     }
   }
 
-  v8::Local<v8::Value> OwnValue(v8::Local<v8::Object> object, const char* name) {
+  /// An own property that is a text.
+  std::string OwnText(v8::Local<v8::Object> object, const char* name) {
     v8::Local<v8::Value> descriptor;
     if (!object->GetOwnPropertyDescriptor(m_context, Name(name)).ToLocal(&descriptor) ||
         !descriptor->IsObject()) {
-      return v8::String::Empty(m_isolate);
+      return {};
     }
-    return descriptor.As<v8::Object>()->Get(m_context, Name("value")).FromMaybe(Undefined());
+    const v8::Local<v8::Value> value =
+        descriptor.As<v8::Object>()->Get(m_context, Name("value")).FromMaybe(Undefined());
+    return value->IsString() ? GetString(value) : "";
   }
 
   /// Between two parts of an object. False when the rest is left out.

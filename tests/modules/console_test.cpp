@@ -38,6 +38,9 @@ TEST_F(ConsoleTest, DescribesObjectsWithoutRunningThem) {
        "[Promise {4}, Promise {<pending>}, ArrayBuffer {}, Uint8Array [0, 0]]"},
       {"[new Proxy({}, {ownKeys() { throw 1; }, getPrototypeOf() { throw 1; }}), Object.create(null)]",
        "[[Proxy], {}]"},
+      {"[new Number(-0), new Boolean(false), Object(1n), Object(Symbol('q')), new String('s')]",
+       "[[Number: -0], [Boolean: false], [BigInt: 1n], [Symbol: Symbol(q)], [String: 's']]"},
+      {"Object.assign(new RangeError('x'), {stack: {toString() { throw 1; }}})", "RangeError: x"},
       {"Object.assign(Array(101), {extra: 1}).slice(99)", "[<empty>, <empty>]"},
       {"new NameValueDictionary({Key: 1})", "NameValueDictionary {Key: 1}"},
       {"(Object.defineProperty(Object.prototype, 'value', {get() { throw 1; }, configurable: true}), {get "
