@@ -88,6 +88,7 @@ void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate) {
 bool EnvironmentImpl::CreateContext() {
   const ScriptScope scope(m_isolate, m_context);
   m_isolate->SetPromiseRejectCallback(Rejections::OnReject);
+  m_isolate->AddMessageListener(OnUncaught);
   // The extensions' sources run here, and their natives with them: until it returns there is no m_context.
   const v8::Local<v8::Context> context = v8::Context::New(m_isolate);
   if (context.IsEmpty() || m_incomplete) return false;
@@ -202,6 +203,7 @@ void EnvironmentImpl::ReleaseScriptState() {
     m_json.Clear();
     m_rejections.Clear();
     m_isolate->SetPromiseRejectCallback(nullptr);
+    m_isolate->RemoveMessageListeners(OnUncaught);
 
     // Finalizers of what the script has dropped still find the environment in its slot.
     m_isolate->LowMemoryNotification();

@@ -142,6 +142,7 @@ class EnvironmentImpl final : public Environment {
   void NotifyIdle();
   bool CallPending(CallbackBase* callback);
   void RunEngineTasks();
+  static void OnUncaught(v8::Local<v8::Message> message, v8::Local<v8::Value> error);
   void YieldIsolate();
 
   std::string m_storageDir;
@@ -186,6 +187,7 @@ class EnvironmentImpl final : public Environment {
   Rejections m_rejections;
   int m_entries = 0;
   int m_pausing = 0;
+  bool m_runsEngineTasks = false;
 
   /// Null while debugging is off.
   std::unique_ptr<DebugTarget> m_debugTarget;

@@ -1,10 +1,12 @@
 #include <libplatform/libplatform.h>
 #include <unistd.h>
 #include <vnjs/error.h>
+#include <vnjs/value.h>
 
 #include <new>
 #include <utility>
 
+#include "bridge/native.h"
 #include "engine/environment_impl.h"
 #include "engine/failure.h"
 #include "engine/start.h"
@@ -117,7 +119,7 @@ void EnvironmentImpl::NotifyIdle() {
 }
 
 void EnvironmentImpl::PushCallback(VRefCountedPointer<CallbackBase> callback) {
-  if (m_terminating) return;
+  if (m_terminating || callback.is_empty()) return;
   const CallbackLock callbackLock(this);
   m_callbacks.push_back(std::move(callback));
 }
@@ -201,10 +203,30 @@ bool EnvironmentImpl::CallPending(CallbackBase* callback) {
 void EnvironmentImpl::RunEngineTasks() {
   if (!OwnsEnginePlatform()) return;
   const v8::TryCatch caught(m_isolate);
+  m_runsEngineTasks = true;
   while (!m_terminating && !m_guard->IsStopping() &&
          v8::platform::PumpMessageLoop(EnginePlatform(), m_isolate)) {
   }
+  m_runsEngineTasks = false;
   if (caught.HasTerminated()) Log(3, "Callback execution error: " + StoppedText(m_guard->Stopped()), nullptr);
+}
+
+/// What none of our own calls catches, such as what a finalizer throws. Without this the engine prints it to standard
+/// output, which is the host's.
+void EnvironmentImpl::OnUncaught(v8::Local<v8::Message> message, v8::Local<v8::Value> error) {
+  v8::Isolate* const isolate = v8::Isolate::GetCurrent();
+  auto* const self = static_cast<EnvironmentImpl*>(GetEnvironment(isolate));
+  // While debuggers may come, the engine tells here of all that scripts and callbacks throw, for debuggers to stop at.
+  if (self == nullptr || (self->m_debugTarget != nullptr && !self->m_runsEngineTasks)) return;
+  try {
+    const v8::Local<v8::Context> context = isolate->GetCurrentContext();
+    v8::Local<v8::Value> stack;
+    const bool hasStack = !context.IsEmpty() && v8::TryCatch::StackTrace(context, error).ToLocal(&stack);
+    const std::string text = GetString(hasStack ? stack : message->Get().As<v8::Value>());
+    self->Log(3, "Callback execution error: " + text, nullptr);
+  } catch (const std::bad_alloc&) {
+    // The engine's frames cannot be unwound.
+  }
 }
 
 /// Lets threads that wait for the isolate have it for a moment. The isolate may be entered several times

@@ -79,10 +79,6 @@ std::string MethodOf(const std::string& message) {
 
 void OnInterrupt(v8::Isolate*, void*) { EnvironmentImpl::DispatchDebugMessages(); }
 
-/// Reports of exceptions make the engine take them for uncaught, which is what a debugger stops at. The log has
-/// their texts already.
-void IgnoreReport(v8::Local<v8::Message>, v8::Local<v8::Value>) {}
-
 }  // namespace
 
 /// One client of a target.
@@ -176,7 +172,6 @@ InspectedTarget::InspectedTarget(EnvironmentImpl* env)
   info.auxData = ToView(auxiliary);
   m_inspector->contextCreated(info);
   m_contextId = v8_inspector::V8ContextInfo::executionContextId(context);
-  m_isolate->AddMessageListener(IgnoreReport);
   // From here on clients come; they wait for the isolate.
   m_id = DebugAgent::Get()->Add(env->StorageDir(), m_mailbox);
 }
@@ -196,7 +191,6 @@ InspectedTarget::~InspectedTarget() {
   for (const auto& [client, session] : m_sessions) session->connection()->WaitUntilSent(kFarewell);
   m_sessions.clear();
   m_inspector->contextDestroyed(m_env->GetContext());
-  m_isolate->RemoveMessageListeners(IgnoreReport);
 }
 
 void InspectedTarget::Close() {

@@ -69,6 +69,17 @@ TEST_F(EnvironmentTest, CallbacksRunInOrderAndLaterOnesWait) {
                                        "Callback execution error: Uncaught text"));
 }
 
+TEST_F(EnvironmentTest, WhatNobodyCatchesIsLoggedAndNotPrinted) {
+  ::testing::internal::CaptureStdout();
+  Run("var registry = new FinalizationRegistry(() => { throw new Error('lost'); }); registry.register({}, 0);"
+      "(function f() { 'use asm'; function g(x) { x = x | 0; return x.y; } return g; })");
+  CollectGarbage(environment());
+  EXPECT_TRUE(WaitUntil([&] { return automation->ProcessPendingCallbacks(), !LogLines(3).empty(); }));
+  EXPECT_THAT(LogLines(3),
+              ElementsAre(StartsWith("Callback execution error: Error: lost\n    at test.js:1:")));
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
 TEST_F(EnvironmentTest, ScriptsOfOtherThreadsRunWhileAScriptPumps) {
   Run("var counter = 0; var pumped = 0");
   std::thread other([&] {
@@ -84,6 +95,7 @@ TEST_F(EnvironmentTest, PendingCallbacksAreDroppedAtTheEnd) {
   Push([alive] {});
   Run("exit()");
   Push([alive] {});
+  environment()->PushCallback(nullptr);
   EXPECT_EQ(alive.use_count(), 2) << "refused and dropped";
   EXPECT_FALSE(automation->ProcessPendingCallbacks());
   automation.reset();
@@ -203,7 +215,10 @@ TEST_F(ThreadTest, ShortFunctionsDoNotOvertakeTheirCreator) {
   EXPECT_THROW(Thread(nullptr, "t", ReturnAtOnce, nullptr), VornException);
   EXPECT_THROW(Thread(environment(), "", ReturnAtOnce, nullptr), VornException);
   EXPECT_THROW(Thread(environment(), "t", nullptr, nullptr), VornException);
+  const auto detach = [](Pointer self) { return self->Detach(), 0; };
   for (int i = 0; i < 200; ++i) {
+    environment()->CreateThread("itself", detach, nullptr);
+    EXPECT_TRUE(WaitUntil([&] { return environment()->GetThread("itself").is_empty(); }));
     Pointer kept(new Thread(environment(), "kept", i % 2 ? ReturnAtOnce : Throw, nullptr));
     kept->Join();
     kept->Join();
