@@ -6,6 +6,10 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
+
+#include "bridge/memory_budget.h"
+#include "bridge/native.h"
 
 namespace vnjs {
 
@@ -27,6 +31,15 @@ int32_t ReadElement(v8::Isolate* isolate, v8::Local<v8::Array> array, uint32_t i
 unsigned int CheckedSize(size_t size) {
   if (size > std::numeric_limits<unsigned int>::max()) throw VornException("Value has too many bytes");
   return static_cast<unsigned int>(size);
+}
+
+using Budget = std::shared_ptr<MemoryBudget>;
+
+/// On whatever thread the engine frees buffers.
+void FreeCopy(void* data, size_t size, void* counted) {
+  const std::unique_ptr<Budget> budget(static_cast<Budget*>(counted));
+  (*budget)->Give(size);
+  free(data);
 }
 
 }  // namespace
@@ -85,9 +98,16 @@ ByteArray& ByteArray::operator=(const ByteArray& other) {
 
 v8::Local<v8::Value> ByteArray::toJS(v8::Isolate* isolate, const unsigned char* data, unsigned int size) {
   if (data == nullptr) return v8::Null(isolate);
-  const v8::Local<v8::ArrayBuffer> buffer = v8::ArrayBuffer::New(isolate, size);
-  if (size > 0) memcpy(buffer->GetBackingStore()->Data(), data, size);
-  return buffer;
+  if (size == 0) return v8::ArrayBuffer::New(isolate, 0);
+  // Not by the isolate's allocator, which refuses what the scripts' limit does not allow: the engine ends the process
+  // then. What a host gives is counted, and never refused.
+  auto counted = std::make_unique<Budget>(GetMemoryBudget(GetEnvironment(isolate)));
+  void* const copy = malloc(size);
+  if (copy == nullptr) throw std::bad_alloc();
+  memcpy(copy, data, size);
+  (*counted)->Add(size);
+  return v8::ArrayBuffer::New(isolate,
+                              v8::ArrayBuffer::NewBackingStore(copy, size, FreeCopy, counted.release()));
 }
 
 v8::Local<v8::Value> ByteArray::toJS(v8::Isolate* isolate) const { return toJS(isolate, m_data, m_size); }

@@ -37,7 +37,8 @@ class VNJS_API ByteArray {
   bool empty() const { return m_size == 0; }
   /// @}
 
-  /// A new ArrayBuffer with a copy of the bytes; the script value null when `data` is null.
+  /// A new ArrayBuffer with a copy of the bytes; the script value null when `data` is null. The bytes count against the
+  /// limit of Automation::SetLimits, but are never refused for it. Without memory: std::bad_alloc.
   static v8::Local<v8::Value> toJS(v8::Isolate* isolate, const unsigned char* data, unsigned int size);
 
   /// The same of these bytes.

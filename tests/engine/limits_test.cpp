@@ -113,6 +113,13 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
   MakeAgain(64 * kMegabyte, 4 * kMegabyte);
   EXPECT_EQ(Fail("new Uint8Array(3 << 20); new Uint8Array(5 << 20)"),
             "Uncaught RangeError: Array buffer allocation failed");
+  {
+    // A host's own bytes are counted, and not refused.
+    Run("var kept = []; try { for (;;) kept.push(new Uint8Array(1 << 16)); } catch (e) { }");
+    const Inside inside(environment());
+    EXPECT_TRUE(ByteArray(100000).toJS(inside.isolate)->IsArrayBuffer());
+  }
+  EXPECT_EQ(Run("kept = 0; new Uint8Array(3 << 20).length"), "3145728");
   folder.Write("large", std::string(17 * kMegabyte, 'x'));
   EXPECT_EQ(Fail("fs.load('large')"), "Uncaught Error: Bad allocation");
   for (const std::string print : {"console.log", "debugPrint"}) {
