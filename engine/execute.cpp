@@ -1,8 +1,9 @@
-#include <unistd.h>
 #include <vnjs/error.h>
 #include <vnjs/value.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 #include "bridge/native.h"
 #include "engine/environment_impl.h"
@@ -91,7 +92,8 @@ RunResult EnvironmentImpl::RunOnWorker(const char* code, const char* source) {
   RunResult result("Code took too long to return result", true);
   bool found = false;
   for (int polls = 0; polls < 100 && !found && !m_ending; ++polls) {
-    usleep(100000);
+    // Not by usleep, which the host's signals end early.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     found = request.TakeResult(&result);
   }
   return result;

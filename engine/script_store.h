@@ -10,9 +10,8 @@ namespace vnjs {
 
 /// Compiled scripts of one context, by text and source name: hosts run the same small texts again and again.
 ///
-/// Bounds:   the kScripts texts used last, of at most kLongestText bytes, from their second use on;
-/// everything else
-///           is compiled each time and not kept.
+/// Bounds:   the kScripts texts used last, of at most kLongestText bytes, from their second use on; everything else is
+///           compiled each time and not kept.
 /// Threads:  under the isolate's lock.
 class ScriptStore {
  public:

@@ -52,8 +52,6 @@ Thread::Thread(Environment* env, std::string name, Function func, void* data)
     pthread_mutex_destroy(&m_startMutex);
     throw;
   }
-  m_handle = handle;
-
   pthread_mutex_lock(&m_startMutex);
   while (!m_started) pthread_cond_wait(&m_startCondition, &m_startMutex);
   pthread_mutex_unlock(&m_startMutex);
@@ -116,6 +114,8 @@ void Thread::ForgetName() {
 void* Thread::ThreadFuncNative(void* self) {
   auto* const thread = static_cast<Thread*>(self);
   t_current = thread;
+  // Its own doing: the function may detach the thread before the creator knows the handle.
+  thread->m_handle = pthread_self();
   set_thread_name(thread->m_name.c_str());
   pthread_mutex_lock(&thread->m_startMutex);
   thread->m_started = true;

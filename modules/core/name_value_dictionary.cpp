@@ -142,7 +142,7 @@ v8::MaybeLocal<v8::Object> NameValueDictionary::New(v8::Isolate* isolate, Enviro
     // no initial entries.
     v8::Local<v8::Function> function;
     if (!made->GetFunction(context).ToLocal(&function) ||
-        env->GetGlobal()->Set(context, NewName(isolate, kClassName), function).IsNothing()) {
+        context->Global()->Set(context, NewName(isolate, kClassName), function).IsNothing()) {
       return {};
     }
   }
