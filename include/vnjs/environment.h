@@ -39,7 +39,8 @@ class VNJS_API Environment {
   /// Marks the environment as terminating and waits for the worker's end; nothing to do without a worker.
   virtual void StopThread() = 0;
 
-  /// Whether there is a worker.
+  /// Whether StartThread was called and StopThread not yet. After `exit()` the worker has ended though it is true: each
+  /// Run then waits for its 10 s.
   virtual bool IsThreaded() const = 0;
 
   /// Whether `exit()`, StopThread or the destructor has begun the end.
