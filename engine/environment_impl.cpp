@@ -33,11 +33,22 @@ std::shared_ptr<MemoryBudget>& ProvidedBudget() {
   return *budget;
 }
 
+/// The engine ends the process when this returns. The log may be what is looked at afterwards.
+void LogEnd(const char* place, bool) {
+  v8::Isolate* const isolate = v8::Isolate::TryGetCurrent();
+  Environment* const environment = isolate == nullptr ? nullptr : GetEnvironment(isolate);
+  if (environment == nullptr) return;
+  environment->Log(4, std::string("The engine ends the process, out of memory or of stack in ") + place,
+                   nullptr);
+}
+
 v8::Isolate* NewIsolate(const std::shared_ptr<MemoryBudget>& budget) {
   v8::Isolate::CreateParams params;
   params.array_buffer_allocator_shared = std::make_shared<LimitedAllocator>(budget);
   params.constraints.ConfigureDefaultsFromHeapSize(0, heapLimit);
-  return v8::Isolate::New(params);
+  v8::Isolate* const isolate = v8::Isolate::New(params);
+  isolate->SetOOMErrorHandler(LogEnd);
+  return isolate;
 }
 
 struct DisposeIsolate {
