@@ -74,8 +74,8 @@ Measurement NewTexts() {
 int main(int argc, char** argv) {
   AddRow("One more environment/ours", 31, OneMore<Ours>);
   AddRow("One more environment/raw", 31, OneMore<Raw>);
-  AddRow("Run new text/ours", 9, NewTexts<Ours>);
-  AddRow("Run new text/raw", 9, NewTexts<Raw>);
+  AddRow("Run new text/ours", 31, NewTexts<Ours>);
+  AddRow("Run new text/raw", 31, NewTexts<Raw>);
   return vnjs::bench::RunBenchmarks(argc, argv,
                                     {{"One more environment", 1.5},
                                      {"One more environment", 1.5, "memory"},

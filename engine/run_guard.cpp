@@ -107,11 +107,6 @@ void RunGuard::Resume() {
   m_interrupted = false;
 }
 
-bool RunGuard::IsStopping() const {
-  const Lock lock(this);
-  return m_reason != kNone;
-}
-
 void RunGuard::EndNow(v8::Local<v8::Context> context) {
   if (m_place.line == 0) m_place = CurrentPlace(m_isolate);
   KeepMicrotasks(true);

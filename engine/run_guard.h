@@ -3,6 +3,7 @@
 #include <v8.h>
 #include <vnjs/result.h>
 
+#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -39,7 +40,7 @@ class RunGuard {
   /// The host asks for something new.
   void Resume();
 
-  bool IsStopping() const;
+  bool IsStopping() const { return m_reason != kNone; }
 
   /// Ends the script that has called the native which calls this, as soon as the native returns.
   void EndNow(v8::Local<v8::Context> context);
@@ -52,7 +53,7 @@ class RunGuard {
 
   /// Requests come from other threads.
   struct Lock : std::lock_guard<std::mutex> {
-    explicit Lock(const RunGuard* guard) : lock_guard(guard->m_mutex) {}
+    explicit Lock(RunGuard* guard) : lock_guard(guard->m_mutex) {}
   };
 
   void Stop(Reason reason);
@@ -75,8 +76,10 @@ class RunGuard {
   bool m_keepsMicrotasks = false;
   v8::MicrotasksPolicy m_policy = v8::MicrotasksPolicy::kAuto;
 
-  mutable std::mutex m_mutex;
-  Reason m_reason = kNone;
+  std::mutex m_mutex;
+
+  /// Changed under the mutex only.
+  std::atomic<Reason> m_reason{kNone};
   bool m_running = false;
   bool m_interrupted = false;
   bool m_closed = false;
