@@ -33,13 +33,16 @@ std::shared_ptr<MemoryBudget>& ProvidedBudget() {
   return *budget;
 }
 
-/// The engine ends the process when this returns. The log may be what is looked at afterwards.
-void LogEnd(const char* place, bool) {
+/// The engine ends the process when this returns. The log may be what is looked at afterwards. Versions of the engine
+/// differ in what else they tell.
+template <typename Details>
+void LogEnd(const char* place, Details) {
   v8::Isolate* const isolate = v8::Isolate::TryGetCurrent();
   Environment* const environment = isolate == nullptr ? nullptr : GetEnvironment(isolate);
   if (environment == nullptr) return;
-  environment->Log(4, std::string("The engine ends the process, out of memory or of stack in ") + place,
-                   nullptr);
+  // Not to debuggers: that would ask the engine for more.
+  environment->Environment::Log(
+      4, std::string("The engine ends the process, out of memory or of stack in ") + place, nullptr);
 }
 
 v8::Isolate* NewIsolate(const std::shared_ptr<MemoryBudget>& budget) {

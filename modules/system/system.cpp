@@ -95,6 +95,7 @@ struct Outcome {
   int status = 0;
   bool timedOut = false;
   bool interrupted = false;
+  bool waitedFor = false;
   std::string output;
 };
 
@@ -109,8 +110,7 @@ void Kill(pid_t pid) {
 /// Reads the output of a command until it has ended. There is no pause between two looks at it, and the limit
 /// is looked at only when output came or ended: a command that is silent runs on past it, and is late once it
 /// writes or closes its output. Both are kept for the scripts that depend on it.
-Outcome Collect(Environment* environment, pid_t pid, int out) {
-  Outcome outcome;
+void Collect(Environment* environment, pid_t pid, int out, Outcome& outcome) {
   const time_t start = time(nullptr);
   for (;;) {
     const ssize_t count = ReadChunk(out, outcome.output);
@@ -119,11 +119,12 @@ Outcome Collect(Environment* environment, pid_t pid, int out) {
       outcome.timedOut = true;
       break;
     }
-    if (waitpid(pid, &outcome.status, WNOHANG) != 0) break;
+    outcome.waitedFor = waitpid(pid, &outcome.status, WNOHANG) != 0;
+    if (outcome.waitedFor) break;
     outcome.interrupted = IsInterrupted(environment);
     if (outcome.interrupted) {
       Kill(pid);
-      break;
+      return;
     }
     // Not a pause: where command and caller share a processor, the command comes to its turn.
     if (count <= 0) sched_yield();
@@ -131,7 +132,6 @@ Outcome Collect(Environment* environment, pid_t pid, int out) {
   // Something that the command has left running may write faster than it is read.
   while (!outcome.interrupted && ReadChunk(out, outcome.output) > 0)
     outcome.interrupted = IsInterrupted(environment);
-  return outcome;
 }
 
 /// Throws when the command cannot be started.
@@ -149,9 +149,10 @@ Outcome RunCommand(Environment* environment, const std::string& command) {
   }
   Outcome outcome;
   try {
-    outcome = Collect(environment, pid, fd);
+    Collect(environment, pid, fd, outcome);
   } catch (const std::bad_alloc&) {
-    Kill(pid);
+    // There is no memory for its output.
+    if (!outcome.waitedFor) Kill(pid);
     throw;
   }
   // The command leads no group, so this reaches it only if it made one of its own. Nobody waits for it either
