@@ -82,8 +82,8 @@ std::shared_ptr<MemoryBudget> GetMemoryBudget(Environment* environment);
 /// isolate's lock; nothing may be held that only the collector keeps from being freed.
 void RequireMemory(Environment* environment, size_t bytes);
 
-/// The same for a line of the log, which is gone soon. One of less than a megabyte is never refused: it may be what tells
-/// that memory is short.
-void RequireMemoryForLine(Environment* environment, size_t bytes);
+/// The same for what is gone soon, such as a line of the log or a command. Less than a megabyte is never refused: it may
+/// be what tells that memory is short, or makes it less so.
+void RequireMemoryBriefly(Environment* environment, size_t bytes);
 
 }  // namespace vnjs

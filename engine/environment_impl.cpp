@@ -357,7 +357,7 @@ void RequireMemory(Environment* environment, size_t bytes) {
   if (!memory->Fits(bytes)) throw VornException(GetVornError(-2));
 }
 
-void RequireMemoryForLine(Environment* environment, size_t bytes) {
+void RequireMemoryBriefly(Environment* environment, size_t bytes) {
   constexpr size_t kNeverRefused = 1 << 20;
   if (bytes >= kNeverRefused) RequireMemory(environment, bytes);
 }

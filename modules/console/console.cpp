@@ -42,7 +42,7 @@ void Console::Write(const Info& info) {
   for (int i = 0; i < info.Length(); ++i) {
     if (i > 0) line += ' ';
     const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
-    RequireMemoryForLine(environment, line.size() + static_cast<size_t>(more));
+    RequireMemoryBriefly(environment, line.size() + static_cast<size_t>(more));
     line += info[i]->IsString() ? GetString(info[i]) : Describe(isolate, info[i]);
   }
   const bool isError = info.Data()->BooleanValue(isolate);

@@ -79,7 +79,7 @@ void Core::DebugPrint(const Info& info) {
   for (int i = 0; i < info.Length(); ++i) {
     if (i > 0) text += ' ';
     const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
-    RequireMemoryForLine(environment, text.size() + static_cast<size_t>(more));
+    RequireMemoryBriefly(environment, text.size() + static_cast<size_t>(more));
     text += GetString(info[i]);
   }
   environment->Log(1, text, nullptr);

@@ -177,7 +177,7 @@ void System::SystemCall(const Info& info) {
   }
   for (int i = 1; i < info.Length(); ++i) {
     const std::string argument = Quoted(GetString(info[i]));
-    RequireMemory(environment, command.size() + argument.size());
+    RequireMemoryBriefly(environment, command.size() + argument.size());
     command += ' ' + argument;
   }
   // A script that was terminated inside an argument's toString has no complete command.

@@ -111,7 +111,7 @@ bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Names
     namespaces->emplace_back(GetString(prefix), GetString(uri));
     // Of a string that the script has once there may be many copies, and libxml2 makes another one of each.
     bytes += 2 * (namespaces->back().first.size() + namespaces->back().second.size());
-    RequireMemory(GetEnvironment(isolate), bytes);
+    RequireMemoryBriefly(GetEnvironment(isolate), bytes);
   }
   return true;
 }

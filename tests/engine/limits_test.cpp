@@ -120,6 +120,8 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
     EXPECT_TRUE(ByteArray(100000).toJS(inside.isolate)->IsArrayBuffer());
   }
   EXPECT_EQ(Run("kept = 0; new Uint8Array(3 << 20).length"), "3145728");
+  folder.Write(".syscommands", "echo\n");
+  Run("var doc = new VXmlDocument('<a/>')");
   folder.Write("large", std::string(17 * kMegabyte, 'x'));
   EXPECT_EQ(Fail("fs.load('large')"), "Uncaught Error: Bad allocation");
   for (const std::string print : {"console.log", "debugPrint"}) {
@@ -129,6 +131,8 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
     Run("var kept = []; try { for (;;) kept.push(new Uint8Array(1000)); } catch (e) { " + print +
         "('full'.repeat(1000)); }");
     EXPECT_THAT(LogLines().back(), StartsWith("fullfull"));
+    EXPECT_EQ(Run("doc.findOne('p:b', {p: 'u'.repeat(5000)})"), "null");
+    EXPECT_EQ(Run("system('echo', 'x'.repeat(5000))[1].length"), "5001");
     Run("kept = null");
   }
 }
