@@ -1,4 +1,4 @@
-// What the fuzzer's scripts cannot see of the classes that hold bytes, texts and errors.
+// What the fuzzer's scripts cannot see of the classes that hold bytes and texts.
 #include "tests/support/script_test.h"
 
 namespace vnjs::testing {
@@ -55,20 +55,6 @@ TEST_F(ValueTest, OfWhatScriptsMake) {
   EXPECT_EQ(GetString(caught.Exception()), "Error: Invalid object argument to GetRealValue");
   GetRealValue(inside.isolate, inside.context->Global(), {});
   EXPECT_EQ(GetString(caught.Exception()), "Error: Invalid prop argument to GetRealValue");
-}
-
-TEST_F(ValueTest, ErrorsHaveNumbersAndCopiesAreThrown) {
-  EXPECT_EQ(GetVornError(0), nullptr);
-  EXPECT_STREQ(GetVornError(-1), "Invalid argument");
-  EXPECT_STREQ(GetVornError(-12), "Object accessed from invalid thread");
-  EXPECT_STREQ(GetVornError(-40), "Packet is too big to be encapsulated");
-  EXPECT_STREQ(GetVornError(5), "Unknown error");
-  VornException error("mine");
-  try {
-    error.raise();
-  } catch (const VornException& e) {
-    EXPECT_EQ(e.msg(), "mine");
-  }
 }
 
 }  // namespace

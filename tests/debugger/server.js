@@ -4,7 +4,6 @@
 
 const assert = require('assert');
 const {execFileSync} = require('child_process');
-const {createHash} = require('crypto');
 const fs = require('fs');
 const net = require('net');
 const path = require('path');
@@ -230,17 +229,6 @@ runTests({
     await untilClients(host, 0);
     fs.writeFileSync(busy, '');
     await expectService(host, house);
-  },
-
-  async garbage(house, host) {
-    for (let i = 0; i < 200; ++i) {
-      const client = i % 4 === 1 ? await Client.join(host, house) : new Client(host);
-      const blocks = Array.from({length: i % 47}, (_, k) => createHash('sha512').update(`${i} ${k}`).digest());
-      const bytes = Buffer.concat([Buffer.from(i % 4 === 2 ? 'GET /json HTTP/1.1\r\n' : ''), ...blocks]);
-      client.socket.write(bytes, () => i % 2 ? client.socket.destroy() : client.socket.resetAndDestroy());
-    }
-    await expectService(host, house);
-    await untilClients(host, 0);
   },
 
   async sixteen(house, host) {

@@ -252,14 +252,5 @@ TEST_F(ThreadTest, TheEnvironmentKeepsThreadsByNameAndEndsThem) {
   kept->Join();
 }
 
-TEST_F(ThreadTest, HandlesMayBeZero) {
-  unsigned long handle = 0;
-  VJoinThread(&handle);
-  VDetachThread(&handle);
-  VCreateThread([](void*) -> void* { return nullptr; }, nullptr, &handle);
-  VJoinThread(&handle);
-  EXPECT_EQ(handle, 0u);
-}
-
 }  // namespace
 }  // namespace vnjs::testing
