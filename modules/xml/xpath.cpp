@@ -13,6 +13,7 @@
 #include "modules/xml/document.h"
 #include "modules/xml/node.h"
 #include "modules/xml/node_builder.h"
+#include "modules/xml/xpath_texts.h"
 
 namespace vnjs {
 
@@ -40,7 +41,7 @@ constexpr int kMostResults = 1000000;
 constexpr size_t kMostText = 128 * 1024 * 1024;
 
 /// Null when the expression cannot be evaluated.
-ResultPointer Evaluate(const char* expression, xmlDoc* doc, xmlNode* contextNode,
+ResultPointer Evaluate(Environment* environment, const char* expression, xmlDoc* doc, xmlNode* contextNode,
                        const Xml::Namespaces& namespaces) {
   const std::unique_ptr<xmlXPathContext, FreeContext> context(xmlXPathNewContext(doc));
   if (context == nullptr) throw std::bad_alloc();
@@ -57,7 +58,10 @@ ResultPointer Evaluate(const char* expression, xmlDoc* doc, xmlNode* contextNode
   for (const auto& [prefix, uri] : namespaces) {
     vnjs::xmlXPathRegisterNs(context.get(), ToXml(prefix.c_str()), ToXml(uri.c_str()));
   }
-  return ResultPointer(xmlXPathEvalExpression(ToXml(expression), context.get()));
+  const XPathTexts texts(environment, context.get());
+  ResultPointer result(xmlXPathEvalExpression(ToXml(expression), context.get()));
+  if (texts.isRefused()) throw std::bad_alloc();
+  return result;
 }
 
 /// A text as a script string, null when there is none.
@@ -128,6 +132,8 @@ void Find(Xml::XmlEnv* env, const v8::FunctionCallbackInfo<v8::Value>& info, Fin
   if (locate().doc == nullptr) return;
   if (!IsText(info[0])) throw VornException("Invalid argument");
   const std::string expression = GetString(info[0]);
+  // Of a text in it libxml2 makes three copies on its way to the result.
+  RequireMemoryBriefly(GetEnvironment(info.GetIsolate()), 4 * expression.size());
   Xml::Namespaces namespaces;
   if (!ReadNamespaces(info.GetIsolate(), info[1], &namespaces)) return;
   // Again, because the arguments may have run code that removed the node. From here on no script runs.
@@ -155,7 +161,8 @@ int xmlXPathRegisterNs(xmlXPathContext* context, const xmlChar* prefix, const xm
 
 v8::MaybeLocal<v8::Value> Xml::FindOne(XmlEnv* env, const char* expression, xmlDoc* doc, xmlNode* contextNode,
                                        const Namespaces& namespaces) {
-  const ResultPointer result = Evaluate(expression, doc, contextNode, namespaces);
+  const ResultPointer result =
+      Evaluate(GetEnvironment(env->isolate()), expression, doc, contextNode, namespaces);
   if (result == nullptr) return {};
   if (IsScalar(result.get())) return ResultReader(env, doc).ReadScalar(result.get());
   if (result->type != XPATH_NODESET) return {};
@@ -166,7 +173,8 @@ v8::MaybeLocal<v8::Value> Xml::FindOne(XmlEnv* env, const char* expression, xmlD
 
 v8::MaybeLocal<v8::Value> Xml::FindAll(XmlEnv* env, const char* expression, xmlDoc* doc, xmlNode* contextNode,
                                        const Namespaces& namespaces) {
-  const ResultPointer result = Evaluate(expression, doc, contextNode, namespaces);
+  const ResultPointer result =
+      Evaluate(GetEnvironment(env->isolate()), expression, doc, contextNode, namespaces);
   std::vector<v8::Local<v8::Value>> values;
   const ResultReader reader(env, doc);
   v8::Local<v8::Value> value;

@@ -312,7 +312,11 @@ TEST_F(XmlTest, XPath) {
     // The receiver comes first.
     VXmlDocument.prototype.findOne.call({})        ==> undefined
 
-    // No expression runs away.
+    // No expression runs away, nor takes more memory than there is.
+    var long = parse('<r>' + 'x'.repeat(5e6) + '</r>'), concat = n => `concat(${Array(n).fill('/')})`; ==> undefined
+    [concat(60), 'string(/) = ('.repeat(15) + 'string(/)' + ')'.repeat(15), `"${'x'.repeat(2e7)}"`].map(x =>
+      fail(() => long.findOne(x)))                 ==> ["Bad allocation","Bad allocation","Bad allocation"]
+    long.findOne(concat(3)).length + long.findAll('string-length(translate(/, "x", ""))')[0] ==> "150000000"
     var big = parse('<r>' + '<a id="1"/>'.repeat(20000) + '</r>'), many = 1e5; ==> undefined
     big.findAll('//a[count(//a) > 1]').length      ==> 0
     big.findAll(Array(20000).fill('//b').join('|')).length ==> 0
