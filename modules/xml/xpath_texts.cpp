@@ -3,6 +3,7 @@
 #include <vnjs/error.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string_view>
 
 #include "bridge/memory_budget.h"
@@ -13,24 +14,26 @@ namespace vnjs {
 namespace {
 
 /// The functions that work on texts.
-const struct {
+const struct TextFunction {
   std::string_view name;
-  xmlXPathFunction function;
-} kFunctions[] = {{"concat", xmlXPathConcatFunction},
-                  {"contains", xmlXPathContainsFunction},
-                  {"normalize-space", xmlXPathNormalizeFunction},
-                  {"starts-with", xmlXPathStartsWithFunction},
-                  {"string", xmlXPathStringFunction},
-                  {"string-length", xmlXPathStringLengthFunction},
-                  {"substring", xmlXPathSubstringFunction},
-                  {"substring-after", xmlXPathSubstringAfterFunction},
-                  {"substring-before", xmlXPathSubstringBeforeFunction},
-                  {"translate", xmlXPathTranslateFunction}};
+  xmlXPathFunction call;
+  /// Whether it looks for each character of the first text in the second one, or the other way round.
+  bool searches;
+} kFunctions[] = {{"concat", xmlXPathConcatFunction, false},
+                  {"contains", xmlXPathContainsFunction, true},
+                  {"normalize-space", xmlXPathNormalizeFunction, false},
+                  {"starts-with", xmlXPathStartsWithFunction, false},
+                  {"string", xmlXPathStringFunction, false},
+                  {"string-length", xmlXPathStringLengthFunction, false},
+                  {"substring", xmlXPathSubstringFunction, false},
+                  {"substring-after", xmlXPathSubstringAfterFunction, true},
+                  {"substring-before", xmlXPathSubstringBeforeFunction, true},
+                  {"translate", xmlXPathTranslateFunction, true}};
 
 /// Null for a function that is none of them.
-xmlXPathFunction FindFunction(const xmlChar* name) {
-  for (const auto& entry : kFunctions) {
-    if (entry.name == FromXml(name)) return entry.function;
+const TextFunction* FindFunction(const xmlChar* name) {
+  for (const TextFunction& function : kFunctions) {
+    if (function.name == FromXml(name)) return &function;
   }
   return nullptr;
 }
@@ -38,6 +41,19 @@ xmlXPathFunction FindFunction(const xmlChar* name) {
 size_t LengthOf(const xmlXPathObject* value) {
   return value != nullptr && value->type == XPATH_STRING ? static_cast<size_t>(xmlStrlen(value->stringval))
                                                          : 0;
+}
+
+/// Has the work on so many bytes count as steps of the evaluation. False, with it ended, when these are too many.
+bool Charge(xmlXPathParserContext* parser, uint64_t bytes) {
+  xmlXPathContext* const context = parser->context;
+  // What takes about as long as one of libxml2's.
+  const uint64_t steps = bytes / 100;
+  if (steps > context->opLimit - std::min(context->opCount, context->opLimit)) {
+    xmlXPathErr(parser, XPATH_OP_LIMIT_EXCEEDED);
+    return false;
+  }
+  context->opCount += static_cast<unsigned long>(steps);
+  return true;
 }
 
 }  // namespace
@@ -60,15 +76,18 @@ void XPathTexts::Call(xmlXPathParserContext* parser, int count) {
     parser->value = parser->valueTab[parser->valueNr - 1];
     if (!self->Count(parser, argument)) return;
   }
-  FindFunction(parser->context->function)(parser, count);
+  const TextFunction& function = *FindFunction(parser->context->function);
+  if (function.searches && count >= 2 && parser->valueNr >= count) {
+    xmlXPathObject* const* const arguments = parser->valueTab + parser->valueNr - count;
+    if (!Charge(parser, LengthOf(arguments[0]) * uint64_t{LengthOf(arguments[1])})) return;
+  }
+  function.call(parser, count);
   if (parser->error == XPATH_EXPRESSION_OK) self->Count(parser, parser->value);
 }
 
 bool XPathTexts::Count(xmlXPathParserContext* parser, const xmlXPathObject* value) {
-  const size_t bytes = LengthOf(value);
-  // Copying these takes about as long as an operation of libxml2's.
-  parser->context->opCount += bytes / 100;
-  m_bytes += bytes;
+  if (!Charge(parser, LengthOf(value))) return false;
+  m_bytes += LengthOf(value);
   // Twice: a function that takes texts makes another one of them. That a look finds no more than half of what there is
   // room for also makes looks as rare as texts are long.
   constexpr size_t kFewBytes = 1 << 20;
