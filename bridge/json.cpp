@@ -13,12 +13,12 @@ v8::Local<v8::String> Key(v8::Isolate* isolate, const char* text) {
       .FromMaybe(v8::String::Empty(isolate));
 }
 
-/// Replaces whatever a getter threw by a message of ours. A termination stays what it is.
+/// Replaces whatever a getter threw by a message of ours. A termination goes on by itself: thrown again, it would be the
+/// value null, which scripts can catch.
 void Refuse(v8::Isolate* isolate, v8::TryCatch& caught, const char* message) {
-  if (!caught.HasTerminated()) {
-    caught.Reset();
-    ThrowException(isolate, message);
-  }
+  if (caught.HasTerminated()) return;
+  caught.Reset();
+  ThrowException(isolate, message);
   caught.ReThrow();
 }
 

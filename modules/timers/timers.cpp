@@ -162,10 +162,9 @@ namespace {
 template <typename Number>
 bool ToNumber(v8::Isolate* isolate, v8::Local<v8::Value> argument,
               v8::Maybe<Number> (v8::Value::*convert)(v8::Local<v8::Context>) const, Number* number) {
-  v8::TryCatch caught(isolate);
-  if (((*argument)->*convert)(isolate->GetCurrentContext()).To(number)) return true;
-  if (caught.HasTerminated()) caught.ReThrow();
-  return false;
+  // A termination goes on by itself. Thrown again, it would be the value null, which scripts can catch.
+  const v8::TryCatch caught(isolate);
+  return ((*argument)->*convert)(isolate->GetCurrentContext()).To(number);
 }
 
 }  // namespace

@@ -228,6 +228,10 @@ TEST_F(ObjectStorageTest, AScriptThatIsEndedWhileItsValueIsReadKeepsTheOldObject
   Run("saveObject('state', 'old')");
   Terminate("saveObject('state', {toJSON() { debugPrint('here'); for (;;); }})");
   EXPECT_EQ(Run("loadObject('state')"), "\"old\"");
+  MakeAgain();
+  Terminate(
+      "var own = JSON; JSON = {get stringify() { debugPrint('here'); for (;;); }}; saveObject('state', 1)");
+  EXPECT_EQ(Run("JSON = own; loadObject('state')"), "\"old\"");
 }
 
 }  // namespace
