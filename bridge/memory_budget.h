@@ -20,7 +20,7 @@ class MemoryBudget {
   MemoryBudget(const MemoryBudget&) = delete;
   MemoryBudget& operator=(const MemoryBudget&) = delete;
 
-  bool Fits(size_t bytes) const {
+  bool Fits(uint64_t bytes) const {
     const size_t used = m_used;
     return used <= m_limit && bytes <= m_limit - used;
   }
@@ -80,10 +80,10 @@ std::shared_ptr<MemoryBudget> GetMemoryBudget(Environment* environment);
 
 /// Throws VornException "Bad allocation" when so many more bytes do not fit, though garbage was collected. Under the
 /// isolate's lock; nothing may be held that only the collector keeps from being freed.
-void RequireMemory(Environment* environment, size_t bytes);
+void RequireMemory(Environment* environment, uint64_t bytes);
 
 /// The same for what is gone soon, such as a line of the log or a command. Less than a megabyte is never refused: it may
 /// be what tells that memory is short, or makes it less so.
-void RequireMemoryBriefly(Environment* environment, size_t bytes);
+void RequireMemoryBriefly(Environment* environment, uint64_t bytes);
 
 }  // namespace vnjs

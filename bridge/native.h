@@ -22,6 +22,11 @@ inline Environment* GetEnvironment(v8::Isolate* isolate) {
 bool IsInterrupted(Environment* environment);
 void EndScript(Environment* environment);
 
+/// GetString for code of ours. Throws std::bad_alloc for a text that is half as large as all buffers of the environment
+/// may be: there will be several copies of it, and a script makes half a gigabyte of text in one step. A megabyte is
+/// always allowed.
+std::string GetText(v8::Local<v8::Value> value);
+
 using NativeCallback = void (*)(const v8::FunctionCallbackInfo<v8::Value>&);
 
 template <typename Signature>

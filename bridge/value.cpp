@@ -3,7 +3,9 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
+#include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "bridge/stack_limit.h"
 
@@ -54,6 +56,19 @@ std::string GetString(v8::Local<v8::Value> value) {
   const v8::String::Utf8Value text(isolate, value);
   if (text.length() == 0) return {};
   return *text;
+}
+
+std::string GetText(v8::Local<v8::Value> value) {
+  if (value.IsEmpty() || value->IsNullOrUndefined()) return {};
+  v8::Isolate* const isolate = v8::Isolate::GetCurrent();
+  const v8::TryCatch caught(isolate);
+  v8::Local<v8::String> text;
+  if (!value->ToString(isolate->GetCurrentContext()).ToLocal(&text)) return {};
+  constexpr size_t kFewCharacters = 1 << 20;
+  const auto size = static_cast<size_t>(text->Length());
+  if (size > kFewCharacters && size > GetMemoryBudget(GetEnvironment(isolate))->limit() / 2)
+    throw std::bad_alloc();
+  return GetString(text);
 }
 
 bool GetBoolean(v8::Local<v8::Value> value, bool defaultValue) {

@@ -350,15 +350,15 @@ std::shared_ptr<MemoryBudget> GetMemoryBudget(Environment* environment) {
   return std::make_shared<MemoryBudget>(SIZE_MAX);
 }
 
-void RequireMemory(Environment* environment, size_t bytes) {
+void RequireMemory(Environment* environment, uint64_t bytes) {
   const std::shared_ptr<MemoryBudget> memory = GetMemoryBudget(environment);
   if (memory->Fits(bytes)) return;
   if (bytes <= memory->limit()) environment->GetIsolate()->LowMemoryNotification();
   if (!memory->Fits(bytes)) throw VornException(GetVornError(-2));
 }
 
-void RequireMemoryBriefly(Environment* environment, size_t bytes) {
-  constexpr size_t kNeverRefused = 1 << 20;
+void RequireMemoryBriefly(Environment* environment, uint64_t bytes) {
+  constexpr uint64_t kNeverRefused = 1 << 20;
   if (bytes >= kNeverRefused) RequireMemory(environment, bytes);
 }
 

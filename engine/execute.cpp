@@ -15,7 +15,7 @@ namespace {
 
 ScriptPosition Position(v8::Local<v8::Context> context, v8::Local<v8::Message> message) {
   if (message.IsEmpty()) return {};
-  return {GetString(message->GetScriptResourceName()), message->GetLineNumber(context).FromMaybe(0),
+  return {GetText(message->GetScriptResourceName()), message->GetLineNumber(context).FromMaybe(0),
           message->GetStartColumn() + 1};
 }
 
@@ -29,7 +29,7 @@ std::string ResultText(v8::Local<v8::Context> context, const JsonStringifier& js
   // Converted here and not by GetString, which would keep a termination to itself.
   v8::Local<v8::String> text;
   if (value.IsEmpty() || value->IsNullOrUndefined() || !value->ToString(context).ToLocal(&text)) return {};
-  return GetString(text);
+  return GetText(text);
 }
 
 }  // namespace

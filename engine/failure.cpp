@@ -1,6 +1,6 @@
 #include "engine/failure.h"
 
-#include <vnjs/value.h>
+#include "bridge/native.h"
 
 namespace vnjs {
 
@@ -12,14 +12,14 @@ std::string StoppedText(const RunResult& stopped) {
 }
 
 std::string MessageText(const v8::TryCatch& caught) {
-  return caught.Message().IsEmpty() ? GetString(caught.Exception()) : GetString(caught.Message()->Get());
+  return caught.Message().IsEmpty() ? GetText(caught.Exception()) : GetText(caught.Message()->Get());
 }
 
 std::string StackText(v8::Local<v8::Context> context, const v8::TryCatch& caught,
                       const std::string& otherwise) {
   v8::Local<v8::Value> stack;
   if (!caught.StackTrace(context).ToLocal(&stack)) return otherwise;
-  const std::string text = GetString(stack);
+  const std::string text = GetText(stack);
   return text.empty() ? otherwise : text;
 }
 

@@ -21,10 +21,10 @@ std::string Describe(v8::Local<v8::Context> context, v8::Local<v8::Value> reason
   v8::Local<v8::Value> stack;
   if (reason->IsNativeError() &&
       reason.As<v8::Object>()->Get(context, NewName(context->GetIsolate(), "stack")).ToLocal(&stack)) {
-    std::string text = GetString(stack);
+    std::string text = GetText(stack);
     if (!text.empty()) return text;
   }
-  return GetString(reason);
+  return GetText(reason);
 }
 
 }  // namespace

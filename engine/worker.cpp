@@ -222,7 +222,7 @@ void EnvironmentImpl::OnUncaught(v8::Local<v8::Message> message, v8::Local<v8::V
     const v8::Local<v8::Context> context = isolate->GetCurrentContext();
     v8::Local<v8::Value> stack;
     const bool hasStack = !context.IsEmpty() && v8::TryCatch::StackTrace(context, error).ToLocal(&stack);
-    const std::string text = GetString(hasStack ? stack : message->Get().As<v8::Value>());
+    const std::string text = GetText(hasStack ? stack : message->Get().As<v8::Value>());
     self->Log(3, "Callback execution error: " + text, nullptr);
   } catch (const std::bad_alloc&) {
     // The engine's frames cannot be unwound.

@@ -43,7 +43,7 @@ void Console::Write(const Info& info) {
     if (i > 0) line += ' ';
     const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
     RequireMemoryBriefly(environment, line.size() + static_cast<size_t>(more));
-    line += info[i]->IsString() ? GetString(info[i]) : Describe(isolate, info[i]);
+    line += info[i]->IsString() ? GetText(info[i]) : Describe(isolate, info[i]);
   }
   const bool isError = info.Data()->BooleanValue(isolate);
   environment->Log(isError ? kError : kInfo, line, nullptr);

@@ -1,7 +1,5 @@
 #include "modules/console/describe.h"
 
-#include <vnjs/value.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -11,6 +9,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "bridge/native.h"
 
 namespace vnjs {
 namespace {
@@ -41,11 +41,11 @@ class Description {
   void Add(v8::Local<v8::Value> value) {
     if (IsFull()) return;
     if (value->IsString()) {
-      AddQuoted(GetString(value));
+      AddQuoted(GetText(value));
     } else if (value->IsSymbol()) {
-      m_text += "Symbol(" + GetString(value.As<v8::Symbol>()->Description(m_isolate)) + ")";
+      m_text += "Symbol(" + GetText(value.As<v8::Symbol>()->Description(m_isolate)) + ")";
     } else if (value->IsBigInt()) {
-      m_text += GetString(value) + "n";
+      m_text += GetText(value) + "n";
     } else if (value->IsObject()) {
       AddObject(value.As<v8::Object>());
     } else if (value->IsNullOrUndefined()) {
@@ -53,7 +53,7 @@ class Description {
     } else if (value->SameValue(v8::Number::New(m_isolate, -0.0))) {
       m_text += "-0";
     } else {
-      m_text += GetString(value);
+      m_text += GetText(value);
     }
   }
 
@@ -79,7 +79,7 @@ class Description {
   }
 
   void AddObject(v8::Local<v8::Object> object) {
-    const std::string name = object->IsProxy() ? "Proxy" : GetString(object->GetConstructorName());
+    const std::string name = object->IsProxy() ? "Proxy" : GetText(object->GetConstructorName());
     if (AddAtom(object, name)) return;
     if (std::find(m_around.begin(), m_around.end(), object) != m_around.end()) {
       m_text += "[Circular]";
@@ -97,7 +97,7 @@ class Description {
     if (object->IsProxy()) {
       m_text += "[Proxy]";
     } else if (object->IsFunction()) {
-      const std::string debugName = GetString(object.As<v8::Function>()->GetDebugName());
+      const std::string debugName = GetText(object.As<v8::Function>()->GetDebugName());
       m_text += "[Function" + (debugName.empty() ? "" : ": " + debugName) + "]";
     } else if (object->IsDate()) {
       m_text += DateText(object.As<v8::Date>()->ValueOf());
@@ -132,7 +132,7 @@ class Description {
   }
 
   void AddRegExp(v8::Local<v8::RegExp> expression) {
-    m_text += "/" + GetString(expression->GetSource()) + "/";
+    m_text += "/" + GetText(expression->GetSource()) + "/";
     constexpr std::pair<int, char> kFlags[] = {{v8::RegExp::kHasIndices, 'd'}, {v8::RegExp::kGlobal, 'g'},
                                                {v8::RegExp::kIgnoreCase, 'i'}, {v8::RegExp::kMultiline, 'm'},
                                                {v8::RegExp::kDotAll, 's'},     {v8::RegExp::kUnicode, 'u'},
@@ -198,7 +198,7 @@ class Description {
     for (uint32_t i = 0; i < names->Length(); ++i) {
       if (!Next(shown, names->Length() - i)) return;
       const v8::Local<v8::Value> name = names->Get(m_context, i).FromMaybe(Undefined());
-      AddName(GetString(name));
+      AddName(GetText(name));
       AddOwn(object, name.As<v8::Name>(), "undefined");
     }
   }
@@ -240,7 +240,7 @@ class Description {
     }
     const v8::Local<v8::Value> value =
         descriptor.As<v8::Object>()->Get(m_context, Name("value")).FromMaybe(Undefined());
-    return value->IsString() ? GetString(value) : "";
+    return value->IsString() ? GetText(value) : "";
   }
 
   /// Between two parts of an object. False when the rest is left out.

@@ -1,5 +1,7 @@
 #include "modules/core/core.h"
 
+#include <sys/stat.h>
+
 #include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "engine/registration.h"
@@ -80,7 +82,7 @@ void Core::DebugPrint(const Info& info) {
     if (i > 0) text += ' ';
     const int more = info[i]->IsString() ? info[i].As<v8::String>()->Length() : 0;
     RequireMemoryBriefly(environment, text.size() + static_cast<size_t>(more));
-    text += GetString(info[i]);
+    text += GetText(info[i]);
   }
   environment->Log(1, text, nullptr);
 }
@@ -90,15 +92,20 @@ void Core::ProcessPendingCallbacks(const Info& info) {
 }
 
 void Core::ExecuteJS(const Info& info) {
-  const std::string code = GetString(info[0]);
+  const std::string code = GetText(info[0]);
   if (code.empty()) return;
-  ExecuteNested(info, PendingCode(code, GetString(info[1])));
+  ExecuteNested(info, PendingCode(code, GetText(info[1])));
 }
 
 void Core::ExecuteFile(const Info& info) {
-  const std::string name = GetString(info[0]);
+  const std::string name = GetText(info[0]);
   if (name.empty()) return;
-  const std::string path = GetEnvironment(info.GetIsolate())->StorageDir() + name;
+  Environment* const environment = GetEnvironment(info.GetIsolate());
+  const std::string path = environment->StorageDir() + name;
+  struct stat status {};
+  // There will be its bytes, its text for the engine and, if it is all one line, that line in the log.
+  if (stat(path.c_str(), &status) == 0)
+    RequireMemoryBriefly(environment, 3 * static_cast<uint64_t>(status.st_size));
   ExecuteNested(info, PendingCode::FromFile(path.c_str()));
 }
 

@@ -16,6 +16,7 @@
 #include <optional>
 
 #include "bridge/c_resource.h"
+#include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "modules/core/core.h"
 
@@ -56,7 +57,7 @@ class Stream {
 };
 
 /// The text of a stored object, up to its first zero byte; nothing when there is no file or an empty one.
-std::optional<std::string> ReadObject(const std::string& path) {
+std::optional<std::string> ReadObject(Environment* environment, const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) {
     if (errno == ENOENT) return {};
@@ -65,10 +66,13 @@ std::optional<std::string> ReadObject(const std::string& path) {
   if (status.st_size == 0) return {};
 
   std::string text;
-  if (static_cast<uint64_t>(status.st_size) > text.max_size()) throw std::bad_alloc();
+  // There will be its bytes and its text for the engine.
+  const auto size = static_cast<uint64_t>(status.st_size);
+  RequireMemoryBriefly(environment, 2 * size);
+  if (size > text.max_size()) throw std::bad_alloc();
   const Stream stream(path, "rbe");
   if (stream.get() == nullptr) ThrowSystemError(errno);
-  text.resize(static_cast<size_t>(status.st_size));
+  text.resize(static_cast<size_t>(size));
   size_t done = 0;
   const bool whole = Succeeds([&] {
     done += fread(&text[done], 1, text.size() - done, stream.get());
@@ -133,7 +137,7 @@ void WriteObject(const std::string& path, const std::string& text) {
 /// The file that a native's first argument names.
 std::string ObjectPath(const v8::FunctionCallbackInfo<v8::Value>& info, int arguments) {
   std::string name;
-  if (info.Length() == arguments && info[0]->IsString()) name = GetString(info[0]);
+  if (info.Length() == arguments && info[0]->IsString()) name = GetText(info[0]);
   if (name.empty()) throw VornException("Invalid arguments");
   return Core::GetObjectLocation(GetEnvironment(info.GetIsolate()), name);
 }
@@ -159,7 +163,7 @@ std::string Core::GetObjectLocation(Environment* env, std::string name) {
 
 void Core::LoadObject(const Info& info) {
   v8::Isolate* const isolate = info.GetIsolate();
-  const std::optional<std::string> text = ReadObject(ObjectPath(info, 1));
+  const std::optional<std::string> text = ReadObject(GetEnvironment(isolate), ObjectPath(info, 1));
   if (!text) {
     info.GetReturnValue().SetNull();
     return;
@@ -174,7 +178,7 @@ void Core::SaveObject(const Info& info) {
   v8::Isolate* const isolate = info.GetIsolate();
   const std::string path = ObjectPath(info, 2);
   std::string text;
-  if (!info[1]->IsNullOrUndefined()) text = GetString(JSON_stringify(isolate, info[1]));
+  if (!info[1]->IsNullOrUndefined()) text = GetText(JSON_stringify(isolate, info[1]));
   // A script that is being ended from outside gave no value; it did not ask to forget the old one either.
   if (isolate->IsExecutionTerminating()) return;
   // A value that JSON does not represent is removed like null, also when its stringification threw: the

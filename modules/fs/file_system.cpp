@@ -137,7 +137,7 @@ LoadedFile ReadArgument(const v8::FunctionCallbackInfo<v8::Value>& info) {
   file.name = FileName(info.GetIsolate(), info[0], kLeading);
   struct stat status {};
   if (stat(file.name.c_str(), &status) == 0 && status.st_size >= static_cast<off_t>(kLargeFile)) {
-    RequireMemory(GetEnvironment(info.GetIsolate()), static_cast<size_t>(status.st_size));
+    RequireMemory(GetEnvironment(info.GetIsolate()), static_cast<uint64_t>(status.st_size));
   }
   file.bytes = ReadFile(file.name.c_str());
   return file;

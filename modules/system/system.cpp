@@ -169,14 +169,14 @@ void System::Register() { RegisterOnce<System>(m_registered); }
 
 void System::SystemCall(const Info& info) {
   v8::Isolate* const isolate = info.GetIsolate();
-  std::string command = info[0]->IsString() ? GetString(info[0]) : std::string();
+  std::string command = info[0]->IsString() ? GetText(info[0]) : std::string();
   if (command.empty()) throw VornException("Invalid arguments");
   Environment* const environment = GetEnvironment(isolate);
   if (!IsAllowed(environment->StorageDir() + ".syscommands", command)) {
     throw VornException("This command is denied by policy");
   }
   for (int i = 1; i < info.Length(); ++i) {
-    const std::string argument = Quoted(GetString(info[i]));
+    const std::string argument = Quoted(GetText(info[i]));
     RequireMemoryBriefly(environment, command.size() + argument.size());
     command += ' ' + argument;
   }

@@ -123,7 +123,12 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
   folder.Write(".syscommands", "echo\n");
   Run("var doc = new VXmlDocument('<a/>')");
   folder.Write("large", std::string(17 * kMegabyte, 'x'));
-  EXPECT_EQ(Fail("fs.load('large')"), "Uncaught Error: Bad allocation");
+  folder.Write("storage/state-9ed39e2ea931586b6a985a6942ef573e.json", std::string(17 * kMegabyte, '1'));
+  for (const char* code : {"fs.load('large')", "executeFile('large')", "loadObject('state')",
+                           "executeJS('x'.repeat(5e6))", "console.log({x: 'x'.repeat(5e6)})"})
+    EXPECT_EQ(Fail(code), "Uncaught Error: Bad allocation") << code;
+  for (const char* code : {"'x'.repeat(5e6)", "throw 'x'.repeat(5e6)"})
+    EXPECT_EQ(Fail(code), "Bad allocation") << code;
   for (const std::string print : {"console.log", "debugPrint"}) {
     EXPECT_EQ(Fail(print + "('x'.repeat(5e6))"), "Uncaught Error: Bad allocation");
     EXPECT_EQ(Fail(print + "(...Array(60).fill('x'.repeat(1e5)))"), "Uncaught Error: Bad allocation");
