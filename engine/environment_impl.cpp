@@ -153,8 +153,8 @@ EnvironmentImpl::~EnvironmentImpl() { End(); }
 
 void EnvironmentImpl::End() {
   // 1. From here on callbacks, threads and variables are refused, and callers that wait for the worker give up.
-  m_terminating = true;
   m_ending = true;
+  m_terminating = true;
   if (m_debugTarget != nullptr) m_debugTarget->Close();
   m_guard->Close();
 
@@ -181,6 +181,11 @@ void EnvironmentImpl::End() {
     }
   }
   threads.clear();
+  {
+    // What is left of threads finds nobody from here on.
+    const MutexScope linkLock(m_link->lock);
+    m_link->environment = nullptr;
+  }
   if (m_debugTarget != nullptr) m_debugTarget->Join();
 
   // 4. and 5. With no other thread left, the script state goes, and the isolate with it.
@@ -372,12 +377,13 @@ void EndScript(Environment* environment) {
     ours->GetRunGuard().EndNow(ours->GetContext());
 }
 
-void EnvironmentImpl::DeleteThreadRef(const std::string& name) {
+void EnvironmentImpl::DeleteThreadRef(const std::string& name, const Thread* thread) {
   VRefCountedPointer<Thread> forgotten;
   const ThreadLock threadLock(this);
   if (m_terminating) return;
   const auto found = m_threads.find(name);
-  if (found == m_threads.end()) return;
+  // A host may have made another thread of that name by itself.
+  if (found == m_threads.end() || found->second.get_ptr() != thread) return;
   forgotten = found->second;
   m_threads.erase(found);
 }

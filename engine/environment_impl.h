@@ -25,6 +25,16 @@
 
 namespace vnjs {
 
+class EnvironmentImpl;
+
+/// Where threads find their environment as long as there is one: some outlive it. Its lock comes before all others.
+struct EnvironmentLink {
+  explicit EnvironmentLink(EnvironmentImpl* env) : environment(env) {}
+
+  ReentrantMutexLock lock;
+  EnvironmentImpl* environment;
+};
+
 /// The one implementation of Environment.
 ///
 /// Locks:    four, each taken through the scoped class named after what it guards, none inside another, none held
@@ -89,10 +99,11 @@ class EnvironmentImpl final : public Environment {
   void SetIncomplete() { m_incomplete = true; }
 
   /// A named thread was joined or detached.
-  void DeleteThreadRef(const std::string& name);
+  void DeleteThreadRef(const std::string& name, const Thread* thread);
   bool HasPendingWork();
   std::vector<std::string> PendingWork();
 
+  const std::shared_ptr<EnvironmentLink>& GetLink() const { return m_link; }
   const std::shared_ptr<DroppedHandles>& GetDroppedHandles() const { return m_droppedHandles; }
   Rejections& GetRejections() { return m_rejections; }
   RunGuard& GetRunGuard() { return *m_guard; }
@@ -149,6 +160,7 @@ class EnvironmentImpl final : public Environment {
   bool m_useCurrentIsolate = false;
   bool m_incomplete = false;
   v8::Isolate* m_isolate = nullptr;
+  std::shared_ptr<EnvironmentLink> m_link = std::make_shared<EnvironmentLink>(this);
   std::shared_ptr<DroppedHandles> m_droppedHandles;
   std::shared_ptr<MemoryBudget> m_memory;
   std::unique_ptr<RunGuard> m_guard;

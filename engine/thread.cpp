@@ -15,6 +15,28 @@ namespace {
 /// The Thread whose function runs on this thread.
 thread_local const Thread* t_current = nullptr;
 
+/// A thread does not wait for those that wait for its end.
+class HandleLock {
+ public:
+  HandleLock(pthread_mutex_t* mutex, bool mayWait)
+      : m_mutex(mutex), m_isHeld((mayWait ? pthread_mutex_lock(mutex) : pthread_mutex_trylock(mutex)) == 0) {}
+  ~HandleLock() {
+    if (m_isHeld) pthread_mutex_unlock(m_mutex);
+  }
+  HandleLock(const HandleLock&) = delete;
+  HandleLock& operator=(const HandleLock&) = delete;
+  bool isHeld() const { return m_isHeld; }
+
+ private:
+  pthread_mutex_t* const m_mutex;
+  const bool m_isHeld;
+};
+
+std::shared_ptr<EnvironmentLink> LinkOf(Environment* environment) {
+  auto* const ours = dynamic_cast<EnvironmentImpl*>(environment);
+  return ours == nullptr ? nullptr : ours->GetLink();
+}
+
 }  // namespace
 
 void VCreateThread(void* (*func)(void*), void* arg, unsigned long* handle) {
@@ -37,9 +59,9 @@ void VDetachThread(unsigned long* handle) {
 }
 
 Thread::Thread(Environment* env, std::string name, Function func, void* data)
-    : m_environment(env), m_name(std::move(name)), m_function(func), m_data(data) {
+    : m_environment(env), m_name(std::move(name)), m_function(func), m_data(data), m_link(LinkOf(env)) {
   if (env == nullptr || m_name.empty() || func == nullptr) throw VornException("Invalid args!");
-  pthread_mutex_init(&m_startMutex, nullptr);
+  pthread_mutex_init(&m_mutex, nullptr);
   pthread_cond_init(&m_startCondition, nullptr);
 
   // The running function's reference, taken here so that it exists before the thread does.
@@ -49,12 +71,12 @@ Thread::Thread(Environment* env, std::string name, Function func, void* data)
     VCreateThread(ThreadFuncNative, this, &handle);
   } catch (const VornException&) {
     pthread_cond_destroy(&m_startCondition);
-    pthread_mutex_destroy(&m_startMutex);
+    pthread_mutex_destroy(&m_mutex);
     throw;
   }
-  pthread_mutex_lock(&m_startMutex);
-  while (!m_started) pthread_cond_wait(&m_startCondition, &m_startMutex);
-  pthread_mutex_unlock(&m_startMutex);
+  pthread_mutex_lock(&m_mutex);
+  while (!m_started) pthread_cond_wait(&m_startCondition, &m_mutex);
+  pthread_mutex_unlock(&m_mutex);
 }
 
 Thread::~Thread() {
@@ -71,7 +93,7 @@ Thread::~Thread() {
     // Nobody is left to be told.
   }
   pthread_cond_destroy(&m_startCondition);
-  pthread_mutex_destroy(&m_startMutex);
+  pthread_mutex_destroy(&m_mutex);
 }
 
 void Thread::AddRef() {
@@ -81,34 +103,34 @@ void Thread::AddRef() {
 
 void Thread::Join() {
   if (m_detached) return;
-  unsigned long handle = m_handle.exchange(0);
-  if (handle == 0) return;
-  try {
+  {
+    const HandleLock handleLock(&m_mutex, t_current != this);
+    if (!handleLock.isHeld()) throw VornException("Cannot join thread");
+    unsigned long handle = m_handle;
+    if (handle == 0) return;
     VJoinThread(&handle);
-  } catch (const VornException&) {
-    m_handle = handle;
-    throw;
+    m_handle = 0;
   }
   ForgetName();
 }
 
 void Thread::Detach() {
-  if (m_detached) return;
-  unsigned long handle = m_handle.exchange(0);
-  if (handle == 0) return;
-  try {
+  {
+    const HandleLock handleLock(&m_mutex, t_current != this);
+    if (!handleLock.isHeld()) return;
+    unsigned long handle = m_handle;
+    if (handle == 0) return;
     VDetachThread(&handle);
-  } catch (const VornException&) {
-    m_handle = handle;
-    throw;
+    m_handle = 0;
+    m_detached = true;
   }
-  m_detached = true;
   ForgetName();
 }
 
 void Thread::ForgetName() {
-  if (auto* const environment = dynamic_cast<EnvironmentImpl*>(m_environment))
-    environment->DeleteThreadRef(m_name);
+  if (m_link == nullptr) return;
+  const MutexScope linkLock(m_link->lock);
+  if (m_link->environment != nullptr) m_link->environment->DeleteThreadRef(m_name, this);
 }
 
 void* Thread::ThreadFuncNative(void* self) {
@@ -117,10 +139,10 @@ void* Thread::ThreadFuncNative(void* self) {
   // Its own doing: the function may detach the thread before the creator knows the handle.
   thread->m_handle = pthread_self();
   set_thread_name(thread->m_name.c_str());
-  pthread_mutex_lock(&thread->m_startMutex);
+  pthread_mutex_lock(&thread->m_mutex);
   thread->m_started = true;
   pthread_cond_signal(&thread->m_startCondition);
-  pthread_mutex_unlock(&thread->m_startMutex);
+  pthread_mutex_unlock(&thread->m_mutex);
 
   int result = -1;
   try {

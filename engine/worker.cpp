@@ -25,7 +25,7 @@ constexpr int kMostIdleRounds = 100;
 }  // namespace
 
 void EnvironmentImpl::StartThread() {
-  if (m_threaded.exchange(true)) return;
+  if (m_ending || m_threaded.exchange(true)) return;
   // The worker was told to stop, from inside one of its own scripts, and is told to go on before it has
   // ended.
   const bool goOn = OnWorker();
@@ -33,6 +33,8 @@ void EnvironmentImpl::StartThread() {
   if (m_debugTarget != nullptr) m_debugTarget->SetReleased(false);
   const bool wasTerminating = m_terminating;
   m_terminating = false;
+  // The end may have begun meanwhile.
+  if (m_ending) m_terminating = true;
   if (goOn) return;
   try {
     unsigned long handle = 0;

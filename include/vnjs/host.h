@@ -7,7 +7,8 @@
 ///
 /// The library leaves these functions undefined; the dynamic linker resolves them from the process that loads
 /// it. All may be called from any thread, also from several at once, and must not throw. The library holds
-/// none of its locks while it calls them, but usually the isolate's.
+/// none of its locks while it calls them, but usually the isolate's; `set_thread_name` alone is called while the thread's
+/// creator may hold that of the environment's threads, and must not ask for one of those.
 
 #ifdef __cplusplus
 extern "C" {

@@ -5,11 +5,13 @@
 #include <vnjs/refcount.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 
 namespace vnjs {
 
 class Environment;
+struct EnvironmentLink;
 
 /// Starts a thread with default attributes. Throws VornException "Cannot create thread".
 VNJS_API void VCreateThread(void* (*func)(void*), void* arg, unsigned long* handle);
@@ -29,7 +31,8 @@ VNJS_API void VDetachThread(unsigned long* handle);
 ///           Whoever makes one with `new` must put it into a VRefCountedPointer.
 /// Threads:  all operations from any thread. Once the constructor has returned, the thread runs and has its
 ///           name.
-/// Ending:   the function polls IsTerminating(); the environment asks every named thread and joins it at its end.
+/// Ending:   the function polls IsTerminating(); the environment asks every thread that CreateThread has made and joins
+///           it at its end. Whoever makes one with `new` ends it before the environment.
 class VNJS_API Thread : public VRefCountedObject {
  public:
   /// What runs on the thread. Its result is not used.
@@ -40,8 +43,8 @@ class VNJS_API Thread : public VRefCountedObject {
   Thread(Environment* env, std::string name, Function func, void* data);
   ~Thread() override;
 
-  /// Waits for the function's end and takes the name out of the environment's table. Nothing to do when it
-  /// was joined or detached before. Throws VornException "Cannot join thread".
+  /// Waits for the function's end, also when others wait for it already, and takes the name out of the environment's
+  /// table. Nothing to do when it was joined or detached before. Throws VornException "Cannot join thread".
   void Join();
 
   /// Gives up joining and takes the name out of the environment's table. Throws "Cannot detach thread".
@@ -75,7 +78,10 @@ class VNJS_API Thread : public VRefCountedObject {
   std::atomic<bool> m_terminating{false};
   std::atomic<bool> m_taken{false};
 
-  pthread_mutex_t m_startMutex;
+  const std::shared_ptr<EnvironmentLink> m_link;
+
+  /// Of the start, and then of the handle: held while somebody waits for the thread's end.
+  pthread_mutex_t m_mutex;
   pthread_cond_t m_startCondition;
   bool m_started = false;
 };

@@ -252,5 +252,28 @@ TEST_F(ThreadTest, TheEnvironmentKeepsThreadsByNameAndEndsThem) {
   kept->Join();
 }
 
+TEST_F(ThreadTest, HostsMayMakeAndAwaitThreadsThemselves) {
+  const auto endLate = [](Pointer self) {
+    PollUntilTold(self);
+    ++*static_cast<std::atomic<int>*>(self->GetData());
+    usleep(100000);
+    --*static_cast<std::atomic<int>*>(self->GetData());
+    return 0;
+  };
+  const Pointer shared = environment()->CreateThread("shared", endLate, &m_running);
+  {
+    const Pointer other(new Thread(environment(), "shared", ReturnAtOnce, nullptr));
+    other->Join();
+  }
+  EXPECT_EQ(environment()->GetThread("shared").get_ptr(), shared.get_ptr()) << "not the other of that name";
+  Pointer late(new Thread(environment(), "late", ReturnAtOnce, nullptr));
+  std::thread joining([&] { shared->Join(); });
+  usleep(20000);
+  automation.reset();
+  EXPECT_EQ(m_running, 0) << "waited for, though another thread did, too";
+  joining.join();
+  late = nullptr;
+}
+
 }  // namespace
 }  // namespace vnjs::testing
