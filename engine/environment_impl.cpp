@@ -263,7 +263,11 @@ bool EnvironmentImpl::WaitForDebugger(std::chrono::milliseconds time) {
   if (m_debugTarget == nullptr) return false;
   const Caller caller(this);
   Entry entry(this);
-  return m_debugTarget->WaitForClient(time);
+  return m_debugTarget->WaitForClient(time, [&] {
+    entry.Begin();
+    m_debugTarget->Dispatch();
+    entry.Settle();
+  });
 }
 
 void EnvironmentImpl::Log(int level, const std::string& message, const char* module) {

@@ -1,6 +1,7 @@
 #include "engine/run_guard.h"
 
 #include <new>
+#include <utility>
 
 #include "bridge/native.h"
 #include "engine/environment_impl.h"
@@ -13,6 +14,9 @@ namespace {
 /// What the heap may grow by while a script that filled it is being ended: the engine ends the process when it
 /// reaches a limit within one of its own functions, which cannot be ended half-way. Most of it is never touched.
 constexpr size_t kRoomToEnd = size_t{sizeof(void*) == 8 ? 1024 : 256} * 1024 * 1024;
+
+/// The part that has filled the heap, and the next ones, which may let go of what it has left. A collection takes long.
+constexpr int kMostCollections = 4;
 
 size_t UsedHeap(v8::Isolate* isolate) {
   v8::HeapStatistics statistics;
@@ -32,6 +36,11 @@ ScriptPosition CurrentPlace(v8::Isolate* isolate) {
 
 RunGuard::RunGuard(v8::Isolate* isolate) : m_isolate(isolate) {
   isolate->AddNearHeapLimitCallback(OnNearHeapLimit, this);
+}
+
+void RunGuard::WatchHeap() {
+  m_isolate->RemoveNearHeapLimitCallback(OnNearHeapLimit, 0);
+  m_isolate->AddNearHeapLimitCallback(OnNearHeapLimit, this);
 }
 
 void RunGuard::Detach() { m_isolate->RemoveNearHeapLimitCallback(OnNearHeapLimit, m_heapLimit); }
@@ -61,7 +70,7 @@ void RunGuard::End() {
     const Lock lock(this);
     m_running = false;
   }
-  if (m_limitRaised) RestoreHeapLimit();
+  if (m_limitRaised) LowerHeapLimit();
 }
 
 void RunGuard::Forget() {
@@ -79,15 +88,20 @@ void RunGuard::KeepMicrotasks(bool keep) {
   m_isolate->SetMicrotasksPolicy(keep ? v8::MicrotasksPolicy::kExplicit : m_policy);
 }
 
-void RunGuard::RestoreHeapLimit() {
-  m_limitRaised = false;
-  m_isolate->LowMemoryNotification();
-  // The engine lowers the limit no further than to a quarter more than what is alive. A script has until then to let
-  // go of it.
+void RunGuard::LowerHeapLimit() {
+  const bool filled = std::exchange(m_filled, false);
+  if (m_collections > 0) {
+    --m_collections;
+    m_isolate->LowMemoryNotification();
+  }
+  const size_t used = UsedHeap(m_isolate);
+  m_hopeless = used > 2 * m_heapLimit && (filled ? m_full : m_hopeless);
+  m_full = used > m_heapLimit && (filled || m_full);
+  // The engine lowers the limit no further than to a quarter more than what there is.
+  m_limitRaised = used + used / 4 > m_heapLimit;
+  if (m_limitRaised && !filled) return;
   m_isolate->RemoveNearHeapLimitCallback(OnNearHeapLimit, m_heapLimit);
   m_isolate->AddNearHeapLimitCallback(OnNearHeapLimit, this);
-  m_hopeless = m_full && UsedHeap(m_isolate) > 2 * m_heapLimit;
-  m_full = UsedHeap(m_isolate) > m_heapLimit;
 }
 
 void RunGuard::Interrupt() {
@@ -148,7 +162,8 @@ void RunGuard::OnInterrupt(v8::Isolate* isolate, void*) {
 size_t RunGuard::OnNearHeapLimit(void* data, size_t current, size_t initial) {
   auto* const guard = static_cast<RunGuard*>(data);
   guard->m_heapLimit = initial;
-  guard->m_limitRaised = true;
+  guard->m_limitRaised = guard->m_filled = true;
+  guard->m_collections = kMostCollections;
   const Lock lock(guard);
   if (guard->m_running) guard->Stop(kOutOfMemory);
   return current + kRoomToEnd;

@@ -21,6 +21,9 @@ class RunGuard {
   explicit RunGuard(v8::Isolate* isolate);
   void Detach();
 
+  /// Goes on watching it, before all others that have begun since.
+  void WatchHeap();
+
   /// A part begins. Nothing that was asked for before is meant for it.
   void Begin();
 
@@ -58,7 +61,7 @@ class RunGuard {
 
   void Stop(Reason reason);
   void Forget();
-  void RestoreHeapLimit();
+  void LowerHeapLimit();
   void KeepMicrotasks(bool keep);
   static void OnInterrupt(v8::Isolate* isolate, void*);
   static size_t OnNearHeapLimit(void* guard, size_t current, size_t initial);
@@ -68,6 +71,10 @@ class RunGuard {
   /// Of the old objects; known once it was reached.
   size_t m_heapLimit = 0;
   bool m_limitRaised = false;
+
+  /// A part has filled the heap, and how often the next ones are asked, by a collection, what they have let go of.
+  bool m_filled = false;
+  int m_collections = 0;
 
   /// What outlived a part that filled the heap fills it still, and a second such part has not made it better.
   bool m_full = false;

@@ -3,6 +3,7 @@
 #include <sys/random.h>
 
 #include <atomic>
+#include <csignal>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
@@ -109,6 +110,9 @@ bool StartDebugAgent(unsigned short port) {
   auto agent = std::make_unique<DebugAgent>();
   agent->m_server = DebugServer::Start(port, agent.get());
   if (agent->m_server == nullptr) return false;
+  // When a profile ends, the engine puts back what it has found here while a last signal may be on its way.
+  struct sigaction action {};
+  if (sigaction(SIGPROF, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) signal(SIGPROF, SIG_IGN);
   g_agent = agent.release();
   return true;
 }

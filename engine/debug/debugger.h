@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -29,8 +30,8 @@ class DebugTarget {
   virtual void Log(int level, const std::string& text) = 0;
 
   /// Waits until a client is ready and has said so, at most so long, then lets the next code that runs stop at
-  /// its first statement. False when none came.
-  virtual bool WaitForClient(std::chrono::milliseconds time) = 0;
+  /// its first statement. False when none came. Has `dispatch` call Dispatch when there is something to handle.
+  virtual bool WaitForClient(std::chrono::milliseconds time, const std::function<void()>& dispatch) = 0;
 
   /// The calling thread leaves the isolate for good: a profile that it has started ends, because the engine would go
   /// on signalling to it.

@@ -264,8 +264,11 @@ void InspectedTarget::Handle(DebugMessage message) {
       session.connection()->Close();
     }
     m_runsClientCode = wasClientCode;
-    // What a client has interrupted was one's own: a termination ends one of them.
-    if (wasClientCode && m_mailbox->IsClosed()) m_isolate->TerminateExecution();
+    // A termination ends the client's code alone, and what that has interrupted, another's or the script, is to end too.
+    const bool isEnding = wasClientCode && m_mailbox->IsClosed();
+    if (isEnding || m_env->GetRunGuard().IsStopping()) m_isolate->TerminateExecution();
+    // The engine asks those that watch the heap from the last one on, and its debugger may have come.
+    m_env->GetRunGuard().WatchHeap();
   } else {
     m_mailbox->Forget(session.connection());
     session.Leave();
@@ -304,13 +307,13 @@ void InspectedTarget::Log(int level, const std::string& text) {
   m_mailbox->Log(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
-bool InspectedTarget::WaitForClient(std::chrono::milliseconds time) {
+bool InspectedTarget::WaitForClient(std::chrono::milliseconds time, const std::function<void()>& dispatch) {
   const auto end = std::chrono::steady_clock::now() + time;
   while (!m_clientReady && !m_mailbox->IsClosed()) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     if (left.count() <= 0) return false;
-    if (m_mailbox->Wait(left)) Dispatch();
+    if (m_mailbox->Wait(left)) dispatch();
   }
   for (const auto& [client, session] : m_sessions) session->PauseAtStart();
   return m_clientReady;
@@ -320,7 +323,8 @@ void InspectedTarget::runMessageLoopOnPause(int) {
   m_paused = true;
   while (m_paused && !m_env->GetRunGuard().IsStopping() && m_mailbox->WaitWhilePaused()) {
     DebugMessage message;
-    while (m_paused && m_mailbox->Take(&message)) Handle(std::move(message));
+    while (m_paused && !m_env->GetRunGuard().IsStopping() && m_mailbox->Take(&message))
+      Handle(std::move(message));
   }
   m_paused = false;
 }

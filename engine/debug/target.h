@@ -26,7 +26,7 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   void Dispatch() override;
   void OnScriptStart() override;
   void Log(int level, const std::string& text) override;
-  bool WaitForClient(std::chrono::milliseconds time) override;
+  bool WaitForClient(std::chrono::milliseconds time, const std::function<void()>& dispatch) override;
   void OnThreadEnd() override;
   void SetReleased(bool released) override;
   void Wake() override;

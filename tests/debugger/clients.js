@@ -282,6 +282,17 @@ const tests = {
     assert.equal(await result, 'Script execution was interrupted');
   },
 
+  /// Neither a client's code nor the engine's debugger, which gives a full heap more room, gets in the way.
+  async limits(house, host) {
+    const client = await Client.attach(host, house, 'Runtime');
+    await house.run('setTimeout(() => { for (;;); }, 1)');
+    client.tell('Runtime.evaluate', {expression: 'for (;;);'});
+    await pause(300);
+    await host.send('interrupt', 'house');
+    assert.equal(await house.run('let list = []; for (;;) list.push(Array(1000).fill(list))'), 'Script ran out of memory');
+    assert.equal(await client.evaluate('1'), 1);
+  },
+
   async sources(house, host) {
     const client = await Client.attach(host, house);
     const file = '/srv/gr\u00f6\u00dfe #1.js';

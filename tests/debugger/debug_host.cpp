@@ -27,6 +27,7 @@ json Do(const std::string& command, const std::string& name, const json& line) {
     // Whether the environment has the thread's current isolate.
     return automation->GetEnvironment()->GetIsolate() == v8::Isolate::TryGetCurrent();
   }
+  if (command == "interrupt") return automation->Interrupt(), nullptr;
   if (command == "destroy") return environments.erase(name);
   if (command == "run") {
     return automation->Run(line.at(2).get<std::string>().c_str(), line.at(3).get<std::string>().c_str())
