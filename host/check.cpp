@@ -40,8 +40,11 @@ std::string SyntaxErrorOf(v8::Isolate* isolate, v8::Local<v8::Context> context, 
   v8::ScriptOrigin origin(isolate, name);
   if (!v8::Script::Compile(context, text, &origin).IsEmpty()) return {};
   const v8::Local<v8::Message> message = caught.Message();
-  return path + ':' + std::to_string(message->GetLineNumber(context).FromMaybe(0)) + ':' +
-         std::to_string(message->GetStartColumn(context).FromMaybe(0) + 1) + ": " + GetString(message->Get());
+  // What is nested too deeply is so nowhere.
+  const int line = message->GetLineNumber(context).FromMaybe(0);
+  const int column = message->GetStartColumn(context).FromMaybe(0) + 1;
+  const std::string place = line == 0 ? "" : ':' + std::to_string(line) + ':' + std::to_string(column);
+  return path + place + ": " + GetString(message->Get());
 }
 
 }  // namespace

@@ -85,11 +85,8 @@ LineEditor::LineEditor(Client* client, std::string historyFile)
       while (sem_wait(&asked) != 0) {
       }
       // Again and again: when one callback has ended, the next may be one that does not.
-      do {
-        if (m_done) return;
-        m_client->OnInterrupt();
-        std::this_thread::sleep_for(std::chrono::milliseconds(kStepMilliseconds));
-      } while (interrupted || ended);
+      while (InterruptAsAsked()) std::this_thread::sleep_for(std::chrono::milliseconds(kStepMilliseconds));
+      if (m_done) return;
     }
   });
   struct sigaction action {};
@@ -107,9 +104,20 @@ LineEditor::~LineEditor() {
   if (!m_historyFile.empty()) history(m_history.get(), &event, H_SAVE, m_historyFile.c_str());
 }
 
+/// False when nobody asks for it any more: a line that is read later is not to be hit.
+bool LineEditor::InterruptAsAsked() {
+  const std::lock_guard<std::mutex> lock(m_interruptMutex);
+  if (m_done || (!interrupted && !ended)) return false;
+  m_client->OnInterrupt();
+  return true;
+}
+
 LineEditor::Answer LineEditor::Read(const std::string& prompt, std::string* line) {
   m_prompt = prompt;
-  interrupted = false;
+  {
+    const std::lock_guard<std::mutex> lock(m_interruptMutex);
+    interrupted = false;
+  }
   el_resize(m_edit.get());
   int length = 0;
   const char* const text = ended ? nullptr : el_gets(m_edit.get(), &length);
@@ -125,6 +133,7 @@ LineEditor::Answer LineEditor::Read(const std::string& prompt, std::string* line
     printf("\n");
     return kEnd;
   }
+  m_holdsWork = false;
   HistEvent event{};
   if (*text != '\n') history(m_history.get(), &event, H_ENTER, text);
   *line = text;
@@ -173,7 +182,10 @@ bool LineEditor::Wait() {
   pollfd input = {STDIN_FILENO, POLLIN, 0};
   for (;;) {
     LetOthersWrite();
-    const bool goesOn = m_client->OnIdle();
+    const bool wasInterrupted = interrupted;
+    const bool goesOn = m_holdsWork || m_client->OnIdle();
+    // Work that had to be interrupted may come again at once, and nobody could type what ends it.
+    m_holdsWork |= !wasInterrupted && interrupted;
     const bool ready = poll(&input, 1, kStepMilliseconds) > 0;
     {
       const std::lock_guard<std::mutex> lock(m_mutex);

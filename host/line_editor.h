@@ -24,7 +24,8 @@ class LineEditor {
    public:
     virtual ~Client() = default;
 
-    /// Called again and again while a line is awaited. False ends the input.
+    /// Called again and again while a line is awaited, but not between an interrupt that came during it and the next
+    /// line. False ends the input.
     virtual bool OnIdle() = 0;
     virtual void OnInterrupt() = 0;
     virtual Completion OnComplete(const std::string& text) = 0;
@@ -47,6 +48,7 @@ class LineEditor {
   static LineEditor* Of(EditLine* edit);
   static int GetCharacter(EditLine* edit, wchar_t* character);
   static unsigned char OnTab(EditLine* edit, int key);
+  bool InterruptAsAsked();
   bool Wait();
   void LetOthersWrite();
   void Erase();
@@ -58,7 +60,9 @@ class LineEditor {
   const std::unique_ptr<History, decltype(&history_end)> m_history;
   const std::unique_ptr<EditLine, decltype(&el_end)> m_edit;
   std::atomic<bool> m_done{false};
+  std::mutex m_interruptMutex;
   std::thread m_interrupter;
+  bool m_holdsWork = false;
 
   /// The screen, and how far others may use it: during kEditing they may not.
   std::mutex m_mutex;

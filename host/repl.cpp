@@ -129,6 +129,7 @@ LineEditor::Answer Repl::ReadPlain(std::string* line) {
   if (m_unread.empty()) return LineEditor::kEnd;
   *line = m_unread.substr(0, end);
   m_unread.erase(0, end == std::string::npos ? end : end + 1);
+  if (!line->empty() && line->back() == '\r') line->pop_back();
   return LineEditor::kLine;
 }
 

@@ -78,7 +78,8 @@ void Runner::Watch(double timeout) {
     if (Elapsed() >= timeout) m_timedOut = true;
     const bool hasChanged = m_files.HasChanged();
     // More than once: when one script has ended, a callback may be the next that does not.
-    if (m_timedOut || hasChanged || stopSignals > 1 || now - lastWithoutSignal > kGrace)
+    const bool isLate = Elapsed() > m_pumpEnd + std::chrono::duration<double>(kGrace).count();
+    if (m_timedOut || hasChanged || isLate || stopSignals > 1 || now - lastWithoutSignal > kGrace)
       m_automation.Interrupt();
   }
 }
@@ -101,6 +102,7 @@ bool Runner::Evaluate(const std::string& code) {
 }
 
 void Runner::Pump(double seconds) {
+  m_pumpEnd = seconds;
   while (m_automation.HasPendingWork() && !IsStopped() && Elapsed() < seconds) {
     const bool processed = !m_automation.IsThreaded() && m_automation.ProcessPendingCallbacks();
     if (!processed) std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <limits>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -47,7 +48,7 @@ class Runner {
   bool Evaluate(const std::string& code);
 
   /// Processes callbacks until nothing is left to do, `seconds` have passed since this object was made, or it
-  /// was asked to stop.
+  /// was asked to stop. One that runs a second longer is interrupted.
   void Pump(double seconds);
 
   /// Waits until a file has changed. False when a signal came first.
@@ -63,6 +64,7 @@ class Runner {
 
   const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
   std::atomic<bool> m_timedOut{false};
+  std::atomic<double> m_pumpEnd{std::numeric_limits<double>::infinity()};
   FileWatch& m_files;
   Automation m_automation;
 

@@ -103,6 +103,7 @@ TEST_F(CliTest, RunsFilesOnTheMainThreadAndOnTheWorker) {
       run --quiet --timeout 1.5 a.js       ==> 1 || a.js:1:1: Script execution was interrupted\n1 | for (;;) {}\n  | ^\nvnjs: not done after 1.5 s
       setTimeout(() => { for (;;) {} }, 1)
       run --quiet --timeout 1.5 a.js       ==> 1 || vnjs: not done after 1.5 s
+      run --quiet --for 0.5 a.js           ==> 0
       setTimeout(async () => { none; }, 0)
       run a.js                             ==> 0 || error Unhandled promise rejection: ReferenceError: none is not defined\n                               at AsyncFunction.<anonymous> (a.js:1:26)\n                           1 | setTimeout(async () => { none; }, 0)\n                             |                          ^
       debugPrint('note'); setTimeout(() => { throw 1; }, 0)

@@ -84,6 +84,7 @@ TEST(ReplTest, RunsInputThatNobodyTypes) {
       {"f(1 2)\n'a\n({", "", "repl:3:3: JavaScript compilation error: Uncaught SyntaxError: Unexpected end"},
       {".load bad.js\n1", "1\n",
        "bad.js:2:3: Uncaught ReferenceError: missing is not defined\n2 |   missing();"},
+      {"1\r\n.exit\r\n2\r\n", "1\n", ""},
       {".load ..", "", "vnjs: ..: Is a directory\n"},
       {".load\n.jump\n.load no.js", "",
        "vnjs: .load needs a file\nvnjs: .jump is no command; .help tells which there are\nvnjs: Failed to "
@@ -158,6 +159,11 @@ TEST(ReplTest, EndsThoughCallbacksAndScriptsDoNot) {
     left.GoAway();
     EXPECT_EQ(left.Wait(), 0) << options;
   }
+  Terminal terminal(folder, "");
+  terminal.Type("const id = setInterval(() => { console.log('bu' + 'sy'); for (;;) {} }, 5)\r", "busy");
+  terminal.Type("\x03", "was interrupted at repl:1:");
+  terminal.Type("", "> ");
+  terminal.Type("clearInterval(id), 'cleared'\r", "\"cleared\"\r\n");
 }
 
 }  // namespace
