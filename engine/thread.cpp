@@ -61,7 +61,8 @@ void VDetachThread(unsigned long* handle) {
 Thread::Thread(Environment* env, std::string name, Function func, void* data)
     : m_environment(env), m_name(std::move(name)), m_function(func), m_data(data), m_link(LinkOf(env)) {
   if (env == nullptr || m_name.empty() || func == nullptr) throw VornException("Invalid args!");
-  pthread_mutex_init(&m_mutex, nullptr);
+  pthread_mutex_init(&m_startMutex, nullptr);
+  pthread_mutex_init(&m_handleMutex, nullptr);
   pthread_cond_init(&m_startCondition, nullptr);
 
   // The running function's reference, taken here so that it exists before the thread does.
@@ -71,12 +72,13 @@ Thread::Thread(Environment* env, std::string name, Function func, void* data)
     VCreateThread(ThreadFuncNative, this, &handle);
   } catch (const VornException&) {
     pthread_cond_destroy(&m_startCondition);
-    pthread_mutex_destroy(&m_mutex);
+    pthread_mutex_destroy(&m_startMutex);
+    pthread_mutex_destroy(&m_handleMutex);
     throw;
   }
-  pthread_mutex_lock(&m_mutex);
-  while (!m_started) pthread_cond_wait(&m_startCondition, &m_mutex);
-  pthread_mutex_unlock(&m_mutex);
+  pthread_mutex_lock(&m_startMutex);
+  while (!m_started) pthread_cond_wait(&m_startCondition, &m_startMutex);
+  pthread_mutex_unlock(&m_startMutex);
 }
 
 Thread::~Thread() {
@@ -93,7 +95,8 @@ Thread::~Thread() {
     // Nobody is left to be told.
   }
   pthread_cond_destroy(&m_startCondition);
-  pthread_mutex_destroy(&m_mutex);
+  pthread_mutex_destroy(&m_startMutex);
+  pthread_mutex_destroy(&m_handleMutex);
 }
 
 void Thread::AddRef() {
@@ -104,7 +107,7 @@ void Thread::AddRef() {
 void Thread::Join() {
   if (m_detached) return;
   {
-    const HandleLock handleLock(&m_mutex, t_current != this);
+    const HandleLock handleLock(&m_handleMutex, t_current != this);
     if (!handleLock.isHeld()) throw VornException("Cannot join thread");
     unsigned long handle = m_handle;
     if (handle == 0) return;
@@ -116,7 +119,7 @@ void Thread::Join() {
 
 void Thread::Detach() {
   {
-    const HandleLock handleLock(&m_mutex, t_current != this);
+    const HandleLock handleLock(&m_handleMutex, t_current != this);
     if (!handleLock.isHeld()) return;
     unsigned long handle = m_handle;
     if (handle == 0) return;
@@ -139,10 +142,10 @@ void* Thread::ThreadFuncNative(void* self) {
   // Its own doing: the function may detach the thread before the creator knows the handle.
   thread->m_handle = pthread_self();
   set_thread_name(thread->m_name.c_str());
-  pthread_mutex_lock(&thread->m_mutex);
+  pthread_mutex_lock(&thread->m_startMutex);
   thread->m_started = true;
   pthread_cond_signal(&thread->m_startCondition);
-  pthread_mutex_unlock(&thread->m_mutex);
+  pthread_mutex_unlock(&thread->m_startMutex);
 
   int result = -1;
   try {

@@ -80,8 +80,10 @@ class VNJS_API Thread : public VRefCountedObject {
 
   const std::shared_ptr<EnvironmentLink> m_link;
 
-  /// Of the start, and then of the handle: held while somebody waits for the thread's end.
-  pthread_mutex_t m_mutex;
+  /// Held while somebody waits for the thread's end.
+  pthread_mutex_t m_handleMutex;
+
+  pthread_mutex_t m_startMutex;
   pthread_cond_t m_startCondition;
   bool m_started = false;
 };
