@@ -110,6 +110,11 @@ void RunGuard::Interrupt() {
   if (m_running) Stop(kInterrupted);
 }
 
+void RunGuard::StopAgain() {
+  const Lock lock(this);
+  if (m_running && IsStopping()) Stop(m_reason);
+}
+
 void RunGuard::Close() {
   const Lock lock(this);
   m_closed = m_interrupted;

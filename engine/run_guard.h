@@ -36,6 +36,9 @@ class RunGuard {
   /// Ends the part that runs now, if there is one.
   void Interrupt();
 
+  /// Only code that a debugger's client ran within the part may have ended: if the part is to end, it still is.
+  void StopAgain();
+
   /// The environment ends. If the host has interrupted something and asked for nothing since, the part that runs is
   /// ended, and none that begins gets anywhere.
   void Close();

@@ -265,8 +265,8 @@ void InspectedTarget::Handle(DebugMessage message) {
     }
     m_runsClientCode = wasClientCode;
     // A termination ends the client's code alone, and what that has interrupted, another's or the script, is to end too.
-    const bool isEnding = wasClientCode && m_mailbox->IsClosed();
-    if (isEnding || m_env->GetRunGuard().IsStopping()) m_isolate->TerminateExecution();
+    if (wasClientCode && m_mailbox->IsClosed()) m_isolate->TerminateExecution();
+    m_env->GetRunGuard().StopAgain();
     // The engine asks those that watch the heap from the last one on, and its debugger may have come.
     m_env->GetRunGuard().WatchHeap();
   } else {
