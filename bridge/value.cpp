@@ -64,11 +64,15 @@ std::string GetText(v8::Local<v8::Value> value) {
   const v8::TryCatch caught(isolate);
   v8::Local<v8::String> text;
   if (!value->ToString(isolate->GetCurrentContext()).ToLocal(&text)) return {};
-  constexpr size_t kFewCharacters = 1 << 20;
-  const auto size = static_cast<size_t>(text->Length());
-  if (size > kFewCharacters && size > GetMemoryBudget(GetEnvironment(isolate))->limit() / 2)
-    throw std::bad_alloc();
-  return GetString(text);
+  const auto require = [isolate](size_t size) {
+    constexpr size_t kFew = 1 << 20;
+    if (size > kFew && size > GetMemoryBudget(GetEnvironment(isolate))->limit() / 2) throw std::bad_alloc();
+  };
+  require(static_cast<size_t>(text->Length()));
+  std::string result = GetString(text);
+  // In bytes it may be three times as long. An object that was stored so could not be loaded again.
+  require(result.size());
+  return result;
 }
 
 bool GetBoolean(v8::Local<v8::Value> value, bool defaultValue) {

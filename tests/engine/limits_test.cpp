@@ -128,7 +128,7 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
   for (const char* code : {"fs.load('large')", "executeFile('large')", "loadObject('state')",
                            "executeJS('x'.repeat(5e6))", "console.log({x: 'x'.repeat(5e6)})"})
     EXPECT_EQ(Fail(code), "Uncaught Error: Bad allocation") << code;
-  for (const char* code : {"'x'.repeat(5e6)", "throw 'x'.repeat(5e6)"})
+  for (const char* code : {"'x'.repeat(5e6)", "'\u20ac'.repeat(15e5)", "throw 'x'.repeat(5e6)"})
     EXPECT_EQ(Fail(code), "Bad allocation") << code;
   for (const std::string print : {"console.log", "debugPrint"}) {
     EXPECT_EQ(Fail(print + "('x'.repeat(5e6))"), "Uncaught Error: Bad allocation");
