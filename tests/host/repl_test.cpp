@@ -51,8 +51,13 @@ class Terminal {
   void GoAway() { close(std::exchange(m_terminal, -1)); }
   void ExpectEnd() {
     Type("", "> ");
-    Type("\x04", "");
-    EXPECT_EQ(Wait(), 0);
+    // Between two lines the terminal is not the editor's, and keeps the key to itself.
+    EXPECT_TRUE(WaitUntil([&] {
+      Type("\x04", "");
+      usleep(100000);
+      return waitpid(m_pid, &m_status, WNOHANG) == m_pid;
+    }));
+    EXPECT_EQ(m_status, 0);
   }
   int Wait() {
     EXPECT_TRUE(WaitUntil([&] { return waitpid(m_pid, &m_status, WNOHANG) == m_pid; }));
