@@ -17,14 +17,15 @@ inline Environment* GetEnvironment(v8::Isolate* isolate) {
   return static_cast<Environment*>(isolate->GetData(0));
 }
 
-/// For natives that take long: whether the script that has called is to end, and how to end it when the native
-/// returns.
+/// For natives that take long: whether the script that has called is to end. The guard around the native ends it.
 bool IsInterrupted(Environment* environment);
-void EndScript(Environment* environment);
 
-/// GetString for code of ours. Throws std::bad_alloc for a text that is half as large as all buffers of the environment
-/// may be: there will be several copies of it, and a script makes half a gigabyte of text in one step. A megabyte is
-/// always allowed.
+/// Ends the script that has called the native which calls this, if it is to end. The engine itself looks where a loop
+/// turns, and not each time.
+void EndIfInterrupted(v8::Isolate* isolate);
+
+/// GetString for code of ours. Throws std::bad_alloc for a text that is larger than all buffers of the environment may
+/// be: a script makes half a gigabyte of text in one step. A megabyte is always allowed.
 std::string GetText(v8::Local<v8::Value> value);
 
 using NativeCallback = void (*)(const v8::FunctionCallbackInfo<v8::Value>&);
@@ -48,6 +49,7 @@ struct NativeGuard<void (*)(Arguments...)> {
     } catch (const std::exception& e) {
       ThrowException(isolate, e.what());
     }
+    EndIfInterrupted(isolate);
   }
 };
 

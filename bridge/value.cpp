@@ -66,7 +66,7 @@ std::string GetText(v8::Local<v8::Value> value) {
   if (!value->ToString(isolate->GetCurrentContext()).ToLocal(&text)) return {};
   const auto require = [isolate](size_t size) {
     constexpr size_t kFew = 1 << 20;
-    if (size > kFew && size > GetMemoryBudget(GetEnvironment(isolate))->limit() / 2) throw std::bad_alloc();
+    if (size > kFew && size > GetMemoryBudget(GetEnvironment(isolate))->limit()) throw std::bad_alloc();
   };
   require(static_cast<size_t>(text->Length()));
   std::string result = GetString(text);

@@ -29,6 +29,10 @@ bool Automation::HasPendingWork() const {
   return static_cast<EnvironmentImpl*>(m_environment)->HasPendingWork();
 }
 
+bool Automation::IsMemoryFull() const {
+  return static_cast<EnvironmentImpl*>(m_environment)->GetRunGuard().IsFull();
+}
+
 std::vector<std::string> Automation::PendingWork() const {
   return static_cast<EnvironmentImpl*>(m_environment)->PendingWork();
 }

@@ -10,21 +10,33 @@
 
 #include "bridge/native.h"
 #include "engine/array_buffer_allocator.h"
+#include "engine/machine_memory.h"
 #include "engine/start.h"
 
 namespace vnjs {
 
 namespace {
 
-/// For a controller with 512 MB of memory: two environments may be full at a time, and half of it is left to the
-/// host and the system.
-std::atomic<size_t> heapLimit{size_t{64} * 1024 * 1024};
-std::atomic<size_t> bufferLimit{size_t{64} * 1024 * 1024};
-
 /// Below, the engine cannot make a context and run it.
 constexpr size_t kSmallestHeap = size_t{8} * 1024 * 1024;
 
 constexpr size_t kHeapStep = size_t{1024} * 1024;
+
+/// Two environments may be full at a time, and half of the memory is left to the host and the system. The least is for
+/// a controller with 512 MB; no automation needs the most.
+size_t DefaultLimit() {
+  constexpr size_t kPart = 8;
+  constexpr size_t kLeast = size_t{64} << 20;
+  constexpr size_t kMost = size_t{1024} << 20;
+  return std::clamp(MachineMemory() / kPart, kLeast, kMost) & ~(kHeapStep - 1);
+}
+
+/// Of environments to be made; 0 until somebody has said.
+std::atomic<size_t> heapLimit{0};
+std::atomic<size_t> bufferLimit{0};
+
+size_t HeapLimit() { return heapLimit != 0 ? heapLimit.load() : DefaultLimit(); }
+size_t BufferLimit() { return heapLimit != 0 ? bufferLimit.load() : DefaultLimit(); }
 
 /// The isolate that the process was given for debugging, and the budget that its buffers count against.
 v8::Isolate* providedIsolate = nullptr;
@@ -48,7 +60,7 @@ void LogEnd(const char* place, Details) {
 v8::Isolate* NewIsolate(const std::shared_ptr<MemoryBudget>& budget) {
   v8::Isolate::CreateParams params;
   params.array_buffer_allocator_shared = std::make_shared<LimitedAllocator>(budget);
-  params.constraints.ConfigureDefaultsFromHeapSize(0, heapLimit);
+  params.constraints.ConfigureDefaultsFromHeapSize(0, HeapLimit());
   v8::Isolate* const isolate = v8::Isolate::New(params);
   isolate->SetOOMErrorHandler(LogEnd);
   return isolate;
@@ -84,7 +96,7 @@ void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate) {
   v8::Isolate* const current = useCurrentIsolate ? v8::Isolate::TryGetCurrent() : nullptr;
   // An isolate has room for one environment.
   m_useCurrentIsolate = current != nullptr && GetEnvironment(current) == nullptr;
-  m_memory = std::make_shared<MemoryBudget>(bufferLimit);
+  m_memory = std::make_shared<MemoryBudget>(BufferLimit());
   std::unique_ptr<v8::Isolate, DisposeIsolate> made;
   if (!m_useCurrentIsolate) {
     made.reset(NewIsolate(m_memory));
@@ -131,7 +143,7 @@ void EnvironmentImpl::StartDebugTarget() {
 void EnvironmentImpl::ProvideCurrentIsolate() {
   StartEngine();
   if (v8::Isolate::TryGetCurrent() != nullptr) return;
-  ProvidedBudget() = std::make_shared<MemoryBudget>(bufferLimit);
+  ProvidedBudget() = std::make_shared<MemoryBudget>(BufferLimit());
   providedIsolate = NewIsolate(ProvidedBudget());
   providedIsolate->Enter();
 }
@@ -139,8 +151,8 @@ void EnvironmentImpl::ProvideCurrentIsolate() {
 void EnvironmentImpl::SetLimits(size_t heapBytes, size_t bufferBytes) {
   if (heapBytes < kSmallestHeap) throw VornException(GetVornError(-1));
   // The engine ends the process when its code does not begin and end with a page.
-  heapLimit = std::min(heapBytes, SIZE_MAX / 4) & ~(kHeapStep - 1);
   bufferLimit = bufferBytes;
+  heapLimit = std::min(heapBytes, SIZE_MAX / 4) & ~(kHeapStep - 1);
 }
 
 void EnvironmentImpl::Interrupt() {
@@ -154,6 +166,7 @@ EnvironmentImpl::~EnvironmentImpl() { End(); }
 void EnvironmentImpl::End() {
   // 1. From here on callbacks, threads and variables are refused, and callers that wait for the worker give up.
   m_ending = true;
+  m_stopping = true;
   m_terminating = true;
   if (m_debugTarget != nullptr) m_debugTarget->Close();
   m_guard->Close();
@@ -376,9 +389,11 @@ bool IsInterrupted(Environment* environment) {
   return ours != nullptr && ours->GetRunGuard().IsStopping();
 }
 
-void EndScript(Environment* environment) {
-  if (auto* const ours = dynamic_cast<EnvironmentImpl*>(environment))
-    ours->GetRunGuard().EndNow(ours->GetContext());
+void EndIfInterrupted(v8::Isolate* isolate) {
+  // The isolate's slot has no other kind.
+  auto* const environment = static_cast<EnvironmentImpl*>(GetEnvironment(isolate));
+  if (environment != nullptr && environment->GetRunGuard().IsStopping())
+    environment->GetRunGuard().EndNow(environment->GetContext());
 }
 
 void EnvironmentImpl::DeleteThreadRef(const std::string& name, const Thread* thread) {

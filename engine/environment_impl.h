@@ -152,6 +152,8 @@ class EnvironmentImpl final : public Environment {
   bool RunWorkerCycle();
   void NotifyIdle();
   bool CallPending(CallbackBase* callback);
+  /// The rest of a batch, and what was queued behind it, is never called; a line of the log says how much that is.
+  void DropCallbacks();
   void RunEngineTasks();
   static void OnUncaught(v8::Local<v8::Message> message, v8::Local<v8::Value> error);
   void YieldIsolate();
@@ -167,6 +169,9 @@ class EnvironmentImpl final : public Environment {
 
   std::atomic<bool> m_threaded{false};
   std::atomic<bool> m_terminating{false};
+
+  /// StopThread or the destructor has begun: of what is queued, nothing begins any more. After `exit()` it does.
+  std::atomic<bool> m_stopping{false};
   std::atomic<bool> m_ending{false};
   std::atomic<int> m_callers{0};
   std::atomic<unsigned long> m_thread{0};

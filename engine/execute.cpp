@@ -112,6 +112,7 @@ RunResult EnvironmentImpl::Execute(const PendingCode& code) {
   } catch (const std::exception&) {
     // The text of the code or of its result is larger than the memory that is left.
     result = RunResult(GetVornError(-2), true);
+    Log(3, std::string("result: Error: ") + GetVornError(-2), nullptr);
   }
   entry.Settle();
   return result;
@@ -119,6 +120,8 @@ RunResult EnvironmentImpl::Execute(const PendingCode& code) {
 
 RunResult EnvironmentImpl::ExecuteEntered(v8::Local<v8::Context> context, const PendingCode& code) {
   if (context.IsEmpty()) return {"Environment is not ready to run code", true};
+  // What the result's handles hold does not outlive this, and does not count when the heap is measured.
+  const v8::HandleScope scope(m_isolate);
   v8::TryCatch caught(m_isolate);
   // What only we catch, a debugger takes for uncaught.
   caught.SetVerbose(m_debugTarget != nullptr);

@@ -1,5 +1,6 @@
 #include "engine/run_guard.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -17,6 +18,11 @@ constexpr size_t kRoomToEnd = size_t{sizeof(void*) == 8 ? 1024 : 256} * 1024 * 1
 
 /// The part that has filled the heap, and the next ones, which may let go of what it has left. A collection takes long.
 constexpr int kMostCollections = 4;
+
+/// Of a heap that is full for good, a part may take so many parts of its limit more, as long as no more than so many
+/// times the limit is used.
+constexpr size_t kAllowance = 8;
+constexpr size_t kMostFull = 4;
 
 size_t UsedHeap(v8::Isolate* isolate) {
   v8::HeapStatistics statistics;
@@ -48,7 +54,15 @@ void RunGuard::Detach() { m_isolate->RemoveNearHeapLimitCallback(OnNearHeapLimit
 void RunGuard::Begin() {
   m_isolate->CancelTerminateExecution();
   m_place = {};
-  const bool full = m_hopeless && UsedHeap(m_isolate) > 2 * m_heapLimit;
+  bool full = false;
+  if (m_hopeless) {
+    const size_t used = UsedHeap(m_isolate);
+    full = used > kMostFull * m_heapLimit;
+    m_allowedHeap = used + m_heapLimit / kAllowance;
+    // So that what the part lets go of is noticed.
+    m_collections = std::max(m_collections, 1);
+    m_isolate->AddGCEpilogueCallback(OnCollected, this);
+  }
   const Lock lock(this);
   m_running = true;
   m_reason = m_closed ? kInterrupted : full ? kOutOfMemory : kNone;
@@ -65,6 +79,7 @@ void RunGuard::Settle() {
 }
 
 void RunGuard::End() {
+  if (std::exchange(m_allowedHeap, 0) != 0) m_isolate->RemoveGCEpilogueCallback(OnCollected, this);
   Forget();
   {
     const Lock lock(this);
@@ -95,7 +110,7 @@ void RunGuard::LowerHeapLimit() {
     m_isolate->LowMemoryNotification();
   }
   const size_t used = UsedHeap(m_isolate);
-  m_hopeless = used > 2 * m_heapLimit && (filled ? m_full : m_hopeless);
+  m_hopeless = used > 2 * m_heapLimit && (filled ? m_full : m_hopeless.load());
   m_full = used > m_heapLimit && (filled || m_full);
   // The engine lowers the limit no further than to a quarter more than what there is.
   m_limitRaised = used + used / 4 > m_heapLimit;
@@ -161,6 +176,14 @@ void RunGuard::OnInterrupt(v8::Isolate* isolate, void*) {
   }
   guard.KeepMicrotasks(true);
   isolate->TerminateExecution();
+}
+
+/// Inside the collector, as the next one.
+void RunGuard::OnCollected(v8::Isolate* isolate, v8::GCType, v8::GCCallbackFlags, void* data) {
+  auto* const guard = static_cast<RunGuard*>(data);
+  if (UsedHeap(isolate) <= guard->m_allowedHeap) return;
+  const Lock lock(guard);
+  if (guard->m_running) guard->Stop(kOutOfMemory);
 }
 
 /// Inside the collector, where no script can be asked for its place.

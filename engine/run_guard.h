@@ -48,6 +48,10 @@ class RunGuard {
 
   bool IsStopping() const { return m_reason != kNone; }
 
+  /// Parts have filled the heap twice, and what they left takes more than twice its limit: those that follow get
+  /// little memory, enough to let go of something. Any thread.
+  bool IsFull() const { return m_hopeless; }
+
   /// Ends the script that has called the native which calls this, as soon as the native returns.
   void EndNow(v8::Local<v8::Context> context);
 
@@ -68,6 +72,7 @@ class RunGuard {
   void KeepMicrotasks(bool keep);
   static void OnInterrupt(v8::Isolate* isolate, void*);
   static size_t OnNearHeapLimit(void* guard, size_t current, size_t initial);
+  static void OnCollected(v8::Isolate* isolate, v8::GCType, v8::GCCallbackFlags, void* guard);
 
   v8::Isolate* const m_isolate;
 
@@ -81,7 +86,10 @@ class RunGuard {
 
   /// What outlived a part that filled the heap fills it still, and a second such part has not made it better.
   bool m_full = false;
-  bool m_hopeless = false;
+  std::atomic<bool> m_hopeless{false};
+
+  /// What the heap may hold at a collection before the part is ended; 0 where only the engine's limit counts.
+  size_t m_allowedHeap = 0;
   ScriptPosition m_place;
   bool m_keepsMicrotasks = false;
   v8::MicrotasksPolicy m_policy = v8::MicrotasksPolicy::kAuto;

@@ -32,9 +32,10 @@ void EnvironmentImpl::StartThread() {
   if (!goOn) JoinWorker();
   if (m_debugTarget != nullptr) m_debugTarget->SetReleased(false);
   const bool wasTerminating = m_terminating;
+  m_stopping = false;
   m_terminating = false;
   // The end may have begun meanwhile.
-  if (m_ending) m_terminating = true;
+  if (m_ending) m_stopping = m_terminating = true;
   if (goOn) return;
   try {
     unsigned long handle = 0;
@@ -50,6 +51,7 @@ void EnvironmentImpl::StartThread() {
 
 void EnvironmentImpl::StopThread() {
   if (!m_threaded.exchange(false)) return;
+  m_stopping = true;
   m_terminating = true;
   if (m_debugTarget != nullptr) m_debugTarget->SetReleased(true);
   JoinWorker();
@@ -149,8 +151,8 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   bool terminated = false;
   for (auto callback = batch.begin(); callback != batch.end(); ++callback) {
     try {
-      if (m_guard->IsStopping() && !entry.IsOutermost()) {
-        // It is the script below that was to end; the rest comes when it has.
+      if (m_stopping || (m_guard->IsStopping() && !entry.IsOutermost())) {
+        // If it is the script below that was to end, the rest comes when it has.
         const CallbackLock callbackLock(this);
         m_callbacks.insert(m_callbacks.begin(), callback, batch.end());
         break;
@@ -159,12 +161,13 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
       terminated |= CallPending(callback->get_ptr());
     } catch (const std::bad_alloc&) {
       // Nor was there memory to say why it failed.
-      Log(3, GetVornError(-2), nullptr);
+      Log(3, std::string("Callback execution error: ") + GetVornError(-2), nullptr);
     }
     entry.Settle();
   }
   // Dropped here, under the isolate's lock, where the handles can go at once.
   batch.clear();
+  if (m_stopping) DropCallbacks();
   {
     const CallbackLock callbackLock(this);
     --m_runningBatches;
@@ -174,6 +177,15 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
   // A termination ended one callback; the script that had called for the batch ends as well.
   if ((terminated || m_guard->IsStopping()) && !entry.IsOutermost()) m_guard->EndNow(GetContext());
   return true;
+}
+
+void EnvironmentImpl::DropCallbacks() {
+  std::vector<VRefCountedPointer<CallbackBase>> dropped;
+  {
+    const CallbackLock callbackLock(this);
+    dropped.swap(m_callbacks);
+  }
+  if (!dropped.empty()) Log(1, "Callbacks dropped at the end: " + std::to_string(dropped.size()), nullptr);
 }
 
 /// Returns whether the callback was ended by a termination.
@@ -235,8 +247,9 @@ void EnvironmentImpl::OnUncaught(v8::Local<v8::Message> message, v8::Local<v8::V
 /// below, by nested runs or by the host.
 void EnvironmentImpl::YieldIsolate() {
   // A thread that comes back to an isolate with breakpoints crashes in the engine, which looks for a current isolate
-  // before the thread can have one. While debuggers may come, other threads wait for the end of the call.
-  if (m_debugTarget != nullptr) return;
+  // before the thread can have one. While a debugger is attached, other threads wait for the end of the call, and one
+  // that comes during the pause waits for its end.
+  if (m_debugTarget != nullptr && m_debugTarget->IsWatched()) return;
   // The script below is to end, and what another thread runs now is not.
   if (m_guard->IsStopping()) return;
   int entered = 0;
@@ -248,10 +261,12 @@ void EnvironmentImpl::YieldIsolate() {
   // With one entry, which is the caller's own, no script is being held up.
   const int pausing = entries > 1 ? 1 : 0;
   m_pausing += pausing;
+  if (m_debugTarget != nullptr) m_debugTarget->Hold();
   {
     const v8::Unlocker unlocker(m_isolate);
     usleep(kPause);
   }
+  if (m_debugTarget != nullptr) m_debugTarget->Unhold();
   m_pausing -= pausing;
   m_entries = entries;
   while (entered-- > 0) m_isolate->Enter();

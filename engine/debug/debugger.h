@@ -33,6 +33,13 @@ class DebugTarget {
   /// its first statement. False when none came. Has `dispatch` call Dispatch when there is something to handle.
   virtual bool WaitForClient(std::chrono::milliseconds time, const std::function<void()>& dispatch) = 0;
 
+  /// Whether clients are attached, for whom breakpoints may be set.
+  virtual bool IsWatched() const = 0;
+
+  /// While held, what clients have sent waits, the first message of a new one too. Holds are counted.
+  virtual void Hold() = 0;
+  virtual void Unhold() = 0;
+
   /// The calling thread leaves the isolate for good: a profile that it has started ends, because the engine would go
   /// on signalling to it.
   virtual void OnThreadEnd() = 0;

@@ -230,7 +230,7 @@ void* InspectedTarget::ThreadFunc(void* target) {
 void InspectedTarget::Dispatch() {
   if (IsIdle()) m_terminating = false;
   DebugMessage message;
-  while (!m_terminating && !m_env->GetRunGuard().IsStopping() && m_mailbox->Take(&message)) {
+  while (m_holds == 0 && !m_terminating && !m_env->GetRunGuard().IsStopping() && m_mailbox->Take(&message)) {
     Handle(std::move(message));
   }
 }
@@ -243,6 +243,11 @@ bool InspectedTarget::IsIdle() const {
 void InspectedTarget::OnScriptStart() {
   m_terminating = false;
   for (const auto& [client, session] : m_sessions) session->OnScriptStart();
+}
+
+void InspectedTarget::Unhold() {
+  // What the engine was to interrupt for may have been read in vain.
+  if (--m_holds == 0) m_isolate->RequestInterrupt(OnInterrupt, nullptr);
 }
 
 void InspectedTarget::Handle(DebugMessage message) {

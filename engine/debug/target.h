@@ -27,6 +27,9 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   void OnScriptStart() override;
   void Log(int level, const std::string& text) override;
   bool WaitForClient(std::chrono::milliseconds time, const std::function<void()>& dispatch) override;
+  bool IsWatched() const override { return !m_sessions.empty(); }
+  void Hold() override { ++m_holds; }
+  void Unhold() override;
   void OnThreadEnd() override;
   void SetReleased(bool released) override;
   void Wake() override;
@@ -70,6 +73,7 @@ class InspectedTarget final : public DebugTarget, private v8_inspector::V8Inspec
   /// commands meanwhile.
   bool m_terminating = false;
   bool m_clientReady = false;
+  int m_holds = 0;
 };
 
 }  // namespace vnjs

@@ -43,6 +43,11 @@ class VNJS_API Automation {
   /// more script work will come without the host's doing. Any thread.
   bool HasPendingWork() const;
 
+  /// True when scripts have filled the heap again and again, and what they left takes more than twice what SetLimits
+  /// allows. Those that follow get an eighth of the limit, enough to let go of something, which ends this; the
+  /// environment is best replaced by a new one. Any thread.
+  bool IsMemoryFull() const;
+
   /// For people to read, a line for each timer that waits: "timeout 3 in 250 ms", "interval 4 every 1000 ms, next in
   /// 250 ms", and one for callbacks that are queued. Any thread.
   std::vector<std::string> PendingWork() const;
@@ -57,9 +62,10 @@ class VNJS_API Automation {
   /// while the destructor runs.
   void Interrupt();
 
-  /// For environments made afterwards: how much script objects (`heapBytes`, 64 MB when never called, 8 MB at
-  /// least), and buffers, trees and timers (`bufferBytes`, 64 MB) of each may take. A script that fills its heap
-  /// ends with "Script ran out of memory"; more buffers are refused. An environment that uses an isolate of the
+  /// For environments made afterwards: how much script objects (`heapBytes`, 8 MB at least), and buffers, trees and
+  /// texts that natives take (`bufferBytes`) of each may take. When never called, each is an eighth of the machine's
+  /// memory, or of what the process's control group may use if that is less: 64 MB at least and 1 GB at most. A script
+  /// that fills its heap ends with "Script ran out of memory"; more buffers are refused. An environment that uses an isolate of the
   /// host's has the host's limits. Throws VornException "Invalid argument". Any thread; before EnableDebug, which
   /// makes an isolate.
   static void SetLimits(size_t heapBytes, size_t bufferBytes);

@@ -185,10 +185,7 @@ void System::SystemCall(const Info& info) {
 
   Outcome outcome = RunCommand(environment, command);
   if (outcome.timedOut) throw VornException("Command timeout");
-  if (outcome.interrupted) {
-    EndScript(environment);
-    return;
-  }
+  if (outcome.interrupted) return;
   outcome.output.resize(strlen(outcome.output.c_str()));
   v8::Local<v8::String> output;
   if (!NewString(isolate, outcome.output).ToLocal(&output)) return;

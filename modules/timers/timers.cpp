@@ -87,23 +87,20 @@ std::string Timers::TimerInfo::Describe(uint32_t id) const {
 
 uint32_t Timers::TimersContext::Add(v8::Isolate* isolate, v8::Local<v8::Value> callback, int32_t delay,
                                     bool recurring) {
-  // Before any lock is held, because it can collect garbage.
-  RequireMemory(m_environment, kTimerBytes);
-  // And this, because the thread has the host give it a name.
+  // Before any lock is held, because the thread has the host give it a name.
   if (delay != 0) CreateThreadIfNeeded(m_environment);
   const Scope scope(this);
+  if (!m_queued->Fits((m_timers.size() + 1) * kTimerBytes)) throw VornException(GetVornError(-2));
   uint32_t id = 0;
   while (id == 0 || m_timers.count(id) != 0) id = NextTimerId();
   if (delay == 0) {
-    m_environment->PushCallback(
-        new TimerCallback(m_environment, SafeValue::New(isolate, callback), id, ChargeTimer()));
+    m_environment->PushCallback(new TimerCallback(m_environment, SafeValue::New(isolate, callback), id,
+                                                  MemoryCharge(m_queued, kTimerBytes)));
   } else {
-    m_timers[id] = TimerInfo(SafeValue::New(isolate, callback), delay, recurring, ChargeTimer());
+    m_timers[id] = TimerInfo(SafeValue::New(isolate, callback), delay, recurring);
   }
   return id;
 }
-
-MemoryCharge Timers::TimersContext::ChargeTimer() const { return {m_memory, kTimerBytes}; }
 
 bool Timers::TimersContext::Clear(uint32_t id, bool recurring) {
   const Scope scope(this);

@@ -54,12 +54,8 @@ class Timers : public Module {
 class Timers::TimerInfo {
  public:
   TimerInfo() = default;
-  TimerInfo(VRefCountedPointer<SafeValue> callback, int32_t interval, bool recurring, MemoryCharge charge)
-      : m_callback(callback),
-        m_interval(interval),
-        m_timeLeft(interval),
-        m_recurring(recurring),
-        m_charge(std::move(charge)) {}
+  TimerInfo(VRefCountedPointer<SafeValue> callback, int32_t interval, bool recurring)
+      : m_callback(callback), m_interval(interval), m_timeLeft(interval), m_recurring(recurring) {}
 
   /// One that is due stays so.
   void Decrement(int32_t ms) {
@@ -78,7 +74,6 @@ class Timers::TimerInfo {
   int32_t m_interval = 0;
   int32_t m_timeLeft = 0;
   bool m_recurring = false;
-  MemoryCharge m_charge;
 };
 
 /// The waiting timers of one environment. The lock is held for the whole of each operation below.
@@ -107,10 +102,12 @@ class Timers::TimersContext : public EnvironmentVariable {
     explicit Scope(const TimersContext* context) : MutexScope(context->m_lock) {}
   };
 
-  MemoryCharge ChargeTimer() const;
-
   Environment* const m_environment;
-  const std::shared_ptr<MemoryBudget> m_memory = GetMemoryBudget(m_environment);
+
+  /// What callbacks without a delay take while they are queued. Together with the timers as much as buffers may take,
+  /// but not of theirs: a house whose buffers are full still switches its heating off.
+  const std::shared_ptr<MemoryBudget> m_queued =
+      std::make_shared<MemoryBudget>(GetMemoryBudget(m_environment)->limit());
 
   /// How many timers that came due may wait for the script. Not of the memory's budget, which garbage can fill.
   static constexpr size_t kMostTicks = 10000;

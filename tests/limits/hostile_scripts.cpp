@@ -57,6 +57,8 @@ std::string CallbackError() {
 }
 
 Seen RunOne(const ListedScript& script, const char* folder) {
+  // Of a controller with 512 MB.
+  vnjs::Automation::SetLimits(64 << 20, 64 << 20);
   vnjs::Automation automation(folder);
   automation.SetLogger(vnjs::testing::NewLogger("log"));
   if (Contains(script.name, "on the worker")) automation.StartThread();
