@@ -58,7 +58,8 @@ ByteArray::ByteArray(const unsigned char* data, unsigned int length) {
 ByteArray::ByteArray(v8::Local<v8::Value> value) {
   if (value.IsEmpty()) return;
   v8::Isolate* const isolate = v8::Isolate::GetCurrent();
-  if (value->IsArray()) {
+  const ConversionContext context(isolate);
+  if (value->IsArray() && !context.IsEmpty()) {
     const v8::Local<v8::Array> array = value.As<v8::Array>();
     const uint32_t length = array->Length();
     // Twice, so that refused input, however long, costs no memory.

@@ -95,7 +95,9 @@ void JsonStringifier::Clear() {
 
 v8::Local<v8::Value> JSON_stringify(v8::Isolate* isolate, v8::Local<v8::Value> value) {
   Environment* const environment = GetEnvironment(isolate);
-  const v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  const ConversionContext conversion(isolate);
+  const v8::Local<v8::Context> context = conversion.get();
+  if (context.IsEmpty()) return {};
   const v8::Local<v8::Object> global = environment == nullptr || environment->GetContext().IsEmpty()
                                            ? context->Global()
                                            : environment->GetGlobal();
@@ -110,7 +112,9 @@ v8::Local<v8::Value> JSON_stringify(v8::Isolate* isolate, v8::Local<v8::Value> v
 }
 
 v8::Local<v8::Value> JSON_parse(v8::Isolate* isolate, v8::Local<v8::String> text) {
-  return v8::JSON::Parse(isolate->GetCurrentContext(), text).FromMaybe(v8::Local<v8::Value>());
+  const ConversionContext context(isolate);
+  if (context.IsEmpty()) return {};
+  return v8::JSON::Parse(context.get(), text).FromMaybe(v8::Local<v8::Value>());
 }
 
 }  // namespace vnjs

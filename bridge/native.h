@@ -17,6 +17,34 @@ inline Environment* GetEnvironment(v8::Isolate* isolate) {
   return static_cast<Environment*>(isolate->GetData(0));
 }
 
+/// The context for a conversion: the one that is entered, or else the environment's own for as long as this lives.
+/// Hosts that have only locked and entered the isolate convert as well. Empty without either.
+class ConversionContext {
+ public:
+  explicit ConversionContext(v8::Isolate* isolate) {
+    if (isolate->InContext()) {
+      m_context = isolate->GetCurrentContext();
+      return;
+    }
+    Environment* const environment = GetEnvironment(isolate);
+    if (environment != nullptr) m_context = environment->GetContext();
+    m_entered = !m_context.IsEmpty();
+    if (m_entered) m_context->Enter();
+  }
+  ~ConversionContext() {
+    if (m_entered) m_context->Exit();
+  }
+  ConversionContext(const ConversionContext&) = delete;
+  ConversionContext& operator=(const ConversionContext&) = delete;
+
+  bool IsEmpty() const { return m_context.IsEmpty(); }
+  v8::Local<v8::Context> get() const { return m_context; }
+
+ private:
+  v8::Local<v8::Context> m_context;
+  bool m_entered = false;
+};
+
 /// For natives that take long: whether the script that has called is to end. The guard around the native ends it.
 bool IsInterrupted(Environment* environment);
 

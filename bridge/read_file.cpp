@@ -22,11 +22,10 @@ std::string ReadFile(const char* path) {
     const TextPointer reason(sys_last_err_string());
     throw VornException(failure + " " + (reason ? reason.get() : ""));
   }
-  // A pipe has no size either, and opening it would wait for somebody who writes.
+  // A pipe has no size either.
   if (S_ISDIR(status.st_mode) || S_ISFIFO(status.st_mode)) return {};
 
-  // Closed on exec: a command started on another thread must not inherit it.
-  const FilePointer file(fopen(path, "rbe"));
+  const FilePointer file = OpenForReading(path);
   if (!file) throw VornException(failure);
   fseeko(file.get(), 0, SEEK_END);
   const off_t size = ftello(file.get());

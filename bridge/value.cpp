@@ -52,6 +52,8 @@ std::string GetString(v8::Local<v8::Value> value) {
   v8::Isolate* const isolate = v8::Isolate::GetCurrent();
   std::string ascii;
   if (value->IsString() && ReadAscii(isolate, value.As<v8::String>(), &ascii)) return ascii;
+  const ConversionContext context(isolate);
+  if (context.IsEmpty() && !value->IsString()) return {};
   // Catches what the conversion throws, a script's own toString included.
   const v8::String::Utf8Value text(isolate, value);
   if (text.length() == 0) return {};
@@ -81,8 +83,9 @@ bool GetBoolean(v8::Local<v8::Value> value, bool defaultValue) {
   if (value->IsBoolean() || value->IsBooleanObject()) return value->BooleanValue(isolate);
   if (value->IsNumber() || value->IsNumberObject()) {
     const v8::TryCatch caught(isolate);
+    const ConversionContext context(isolate);
     double number = 0;
-    if (!value->NumberValue(isolate->GetCurrentContext()).To(&number)) return defaultValue;
+    if (context.IsEmpty() || !value->NumberValue(context.get()).To(&number)) return defaultValue;
     return number != 0.0;
   }
   return defaultValue;
@@ -101,7 +104,9 @@ v8::Local<v8::Value> GetRealValue(v8::Isolate* isolate, v8::Local<v8::Object> ob
     const v8::Local<v8::String> message = NewName(isolate, "Maximum call stack size exceeded");
     return isolate->ThrowException(v8::Exception::RangeError(message));
   }
-  const v8::Local<v8::Context> context = isolate->GetCurrentContext();
+  const ConversionContext conversion(isolate);
+  const v8::Local<v8::Context> context = conversion.get();
+  if (context.IsEmpty()) return {};
   v8::Local<v8::Value> value;
   const v8::Local<v8::Value> prototype = object->GetPrototype();
   if (!prototype.IsEmpty() && prototype->IsObject()) {
@@ -115,6 +120,8 @@ v8::Local<v8::Value> GetRealValue(v8::Isolate* isolate, v8::Local<v8::Object> ob
 v8::Local<v8::Value> ThrowException(v8::Isolate* isolate, const char* message) {
   // An exception in its place would let the script catch its own termination and go on.
   if (isolate->IsExecutionTerminating()) return v8::Undefined(isolate);
+  const ConversionContext context(isolate);
+  if (context.IsEmpty()) return v8::Undefined(isolate);
   return isolate->ThrowException(v8::Exception::Error(NewName(isolate, message)));
 }
 

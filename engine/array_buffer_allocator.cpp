@@ -19,7 +19,7 @@ void* ABMallocAllocator::AllocateUninitialized(size_t length) { return malloc(le
 
 void ABMallocAllocator::Free(void* data, size_t length) { free(data); }
 
-std::shared_ptr<v8::ArrayBuffer::Allocator> ABMallocAllocator::Shared() {
+std::shared_ptr<v8::ArrayBuffer::Allocator> SharedAllocator() {
   // Never destroyed: an environment may outlive the statics of this library.
   static auto* const allocator =
       new std::shared_ptr<v8::ArrayBuffer::Allocator>(std::make_shared<ABMallocAllocator>());

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <v8.h>
+#include <vnjs/array_buffer_allocator.h>
 
 #include <memory>
 #include <utility>
@@ -9,21 +9,8 @@
 
 namespace vnjs {
 
-/// The memory behind script buffers: plain malloc. Any thread; a failed allocation returns null, which
-/// scripts see as a RangeError.
-class ABMallocAllocator : public v8::ArrayBuffer::Allocator {
- public:
-  ABMallocAllocator();
-  ~ABMallocAllocator() override;
-
-  void* Allocate(size_t length) override;
-  void* AllocateUninitialized(size_t length) override;
-  void Free(void* data, size_t length) override;
-
-  /// The one allocator of the process. Isolates and buffers share it, so it lives as long as the last of
-  /// them.
-  static std::shared_ptr<v8::ArrayBuffer::Allocator> Shared();
-};
+/// The one allocator of the process. Isolates and buffers share it, so it lives as long as the last of them.
+std::shared_ptr<v8::ArrayBuffer::Allocator> SharedAllocator();
 
 /// What an isolate is given: the one allocator, as long as the environment's budget allows it. The engine collects
 /// garbage and asks again before it takes a no for an answer.
@@ -41,7 +28,7 @@ class LimitedAllocator : public v8::ArrayBuffer::Allocator {
   void* Limited(size_t length, const Allocation& allocate);
 
   const std::shared_ptr<MemoryBudget> m_budget;
-  const std::shared_ptr<v8::ArrayBuffer::Allocator> m_memory = ABMallocAllocator::Shared();
+  const std::shared_ptr<v8::ArrayBuffer::Allocator> m_memory = SharedAllocator();
 };
 
 }  // namespace vnjs

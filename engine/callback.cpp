@@ -43,4 +43,16 @@ CallbackBase::~CallbackBase() = default;
 
 void CallbackBase::Release() { VRefCountedObject::Release(); }
 
+CallbackPort::CallbackPort(Environment* environment) {
+  if (auto* const ours = dynamic_cast<EnvironmentImpl*>(environment)) m_link = ours->GetLink();
+}
+
+bool CallbackPort::Push(VRefCountedPointer<CallbackBase> callback) const {
+  if (m_link == nullptr) return false;
+  const MutexScope linkLock(m_link->lock);
+  if (m_link->environment == nullptr || m_link->environment->IsTerminating()) return false;
+  m_link->environment->PushCallback(callback);
+  return true;
+}
+
 }  // namespace vnjs

@@ -322,17 +322,24 @@ v8::Local<v8::Object> EnvironmentImpl::GetGlobal() const {
 }
 
 VRefCountedPointer<EnvironmentVariable> EnvironmentImpl::GetVariable(std::string name) {
-  const VariablesLock variablesLock(this);
   if (m_terminating) return {};
+  return FindVariable(name);
+}
+
+VRefCountedPointer<EnvironmentVariable> EnvironmentImpl::FindVariable(const std::string& name) {
+  const VariablesLock variablesLock(this);
   const auto found = m_variables.find(name);
   return found == m_variables.end() ? nullptr : found->second;
 }
 
 void EnvironmentImpl::SetVariable(std::string name, VRefCountedPointer<EnvironmentVariable> value) {
+  if (!m_terminating) KeepVariable(name, value);
+}
+
+void EnvironmentImpl::KeepVariable(const std::string& name, VRefCountedPointer<EnvironmentVariable> value) {
   // Destroyed after the lock is released: extensions decide what their state's destructor does.
   VRefCountedPointer<EnvironmentVariable> old;
   const VariablesLock variablesLock(this);
-  if (m_terminating) return;
   const auto found = m_variables.find(name);
   if (found != m_variables.end()) {
     old = found->second;

@@ -67,6 +67,11 @@ class EnvironmentImpl final : public Environment {
   VRefCountedPointer<Thread> CreateThread(std::string name, Thread::Function func, void* data) override;
   VRefCountedPointer<Thread> GetThread(std::string name) override;
 
+  /// @{ The variables, whether or not it is terminating, until it has ended.
+  VRefCountedPointer<EnvironmentVariable> FindVariable(const std::string& name);
+  void KeepVariable(const std::string& name, VRefCountedPointer<EnvironmentVariable> value);
+  /// @}
+
   /// Runs code on the calling thread, whether or not there is a worker.
   RunResult Execute(const PendingCode& code);
 

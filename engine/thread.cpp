@@ -15,6 +15,9 @@ namespace {
 /// The Thread whose function runs on this thread.
 thread_local const Thread* t_current = nullptr;
 
+/// How long a creator may take from making a Thread to taking a reference, the next thing that it does.
+constexpr int kCreatorsMs = 1000;
+
 /// A thread does not wait for those that wait for its end.
 class HandleLock {
  public:
@@ -66,7 +69,7 @@ Thread::Thread(Environment* env, std::string name, Function func, void* data)
   pthread_cond_init(&m_startCondition, nullptr);
 
   // The running function's reference, taken here so that it exists before the thread does.
-  VRefCountedObject::AddRef();
+  AddRef();
   unsigned long handle = 0;
   try {
     VCreateThread(ThreadFuncNative, this, &handle);
@@ -97,11 +100,6 @@ Thread::~Thread() {
   pthread_cond_destroy(&m_startCondition);
   pthread_mutex_destroy(&m_startMutex);
   pthread_mutex_destroy(&m_handleMutex);
-}
-
-void Thread::AddRef() {
-  VRefCountedObject::AddRef();
-  if (t_current != this) m_taken = true;
 }
 
 void Thread::Join() {
@@ -155,8 +153,8 @@ void* Thread::ThreadFuncNative(void* self) {
   }
 
   // A short function may be done before its creator has put the new Thread into a pointer. Letting go now
-  // would hand the creator a deleted object.
-  while (!thread->m_taken) usleep(1000);
+  // would hand the creator a deleted object; one that has been dropped already waits for nobody.
+  for (int waited = 0; thread->References() == 1 && waited < kCreatorsMs; ++waited) usleep(1000);
   thread->ReleaseRef();
   return reinterpret_cast<void*>(static_cast<intptr_t>(result));
 }

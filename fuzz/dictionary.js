@@ -6,8 +6,7 @@ let dictionary, entries, names;
 
 // The engine keeps such names apart from the others, and asks no dictionary about them.
 const isIndex = (name) => String(name >>> 0) === name && name !== '4294967295';
-// To a dictionary, all halves of surrogate pairs are the same.
-const folded = (name) => utf8(name.replace(HALVES, '\ufffd').replace(/[A-Z]/g, (letter) => letter.toLowerCase()));
+const folded = (name) => utf8(name.replace(/[A-Z]/g, (letter) => letter.toLowerCase()));
 
 function find(name) {
   const isAlike = (entry) => entry.enumerable && !isIndex(name) && folded(entry.name) === folded(name);

@@ -8,6 +8,7 @@
 #include <vnjs/value.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -24,9 +25,10 @@ std::string ReadWhole(const std::string& path) {
   return text;
 }
 
+/// Up to the first NUL, as scripts are run.
 v8::MaybeLocal<v8::String> NewText(v8::Isolate* isolate, const std::string& text) {
   return v8::String::NewFromUtf8(isolate, text.data(), v8::NewStringType::kNormal,
-                                 static_cast<int>(text.size()));
+                                 static_cast<int>(strlen(text.c_str())));
 }
 
 /// The error's text behind its place, or nothing.

@@ -40,6 +40,9 @@ struct Options {
   std::string logLevel = "info";
   double seconds = std::numeric_limits<double>::infinity();
   double timeout = std::numeric_limits<double>::infinity();
+
+  /// In megabytes; 0 for what the machine suggests.
+  size_t memory = 0;
   bool threaded = false;
   bool watch = false;
   bool quiet = false;
@@ -67,6 +70,15 @@ const CLI::Validator kIsSeconds(
       const double seconds = strtod(text.c_str(), &end);
       const bool valid = !text.empty() && *end == '\0' && seconds >= 0;
       return valid ? "" : "'" + text + "' is not a number of seconds";
+    },
+    "");
+
+const CLI::Validator kIsMegabytes(
+    [](std::string& text) {
+      char* end = nullptr;
+      const long megabytes = strtol(text.c_str(), &end, 10);
+      const bool valid = !text.empty() && *end == '\0' && megabytes >= 8 && megabytes <= 1000000;
+      return valid ? "" : "'" + text + "' is not a number of megabytes from 8 on";
     },
     "");
 
@@ -102,6 +114,9 @@ void AddCommonOptions(CLI::App* command, Options& options) {
   command->add_option("--timeout", options.timeout, "Interrupt what is not done after this time")
       ->type_name("SECONDS")
       ->check(kIsSeconds);
+  command->add_option("--memory", options.memory, "For objects, and the same for buffers and texts")
+      ->type_name("MB")
+      ->check(kIsMegabytes);
   command->add_option("--log", options.logLevel, "trace, info (the default), warning, error or none")
       ->type_name("LEVEL")
       ->check(kIsLogLevel);
@@ -207,6 +222,7 @@ ExitStatus Execute(const CLI::App& app, const Options& options) {
   if (app.got_subcommand("check")) return CheckFiles(options);
   const bool run = app.got_subcommand("run");
   const std::string storageDir = PrepareStorage(options);
+  if (options.memory != 0) Automation::SetLimits(options.memory << 20, options.memory << 20);
   if (debugPort != 0 || debugBreakPort != 0)
     ListenForDebuggers(debugBreakPort != 0 ? debugBreakPort : debugPort);
   const LogLevel level = options.quiet ? kNone : kLogLevels.at(options.logLevel);
@@ -224,6 +240,10 @@ ExitStatus Execute(const CLI::App& app, const Options& options) {
     }
     if (runner.IsTimedOut()) {
       fprintf(stderr, "vnjs: not done after %g s\n", options.timeout);
+      status = kFailed;
+    }
+    if (runner.IsFull()) {
+      fprintf(stderr, "vnjs: the scripts have filled their memory for good; --memory gives them more\n");
       status = kFailed;
     }
     if (!options.watch || !runner.WaitForChange()) return status;

@@ -115,7 +115,7 @@ bool Runner::WaitForChange() const {
 }
 
 bool Runner::IsStopped() const {
-  return stopSignals > 0 || m_timedOut || m_files.HasChanged() || m_automation.IsTerminating();
+  return stopSignals > 0 || m_timedOut || m_files.HasChanged() || m_automation.IsTerminating() || IsFull();
 }
 
 double Runner::Elapsed() const {

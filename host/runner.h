@@ -54,9 +54,12 @@ class Runner {
   /// Waits until a file has changed. False when a signal came first.
   bool WaitForChange() const;
 
-  /// Whether a signal, the timeout, a changed file or the script's own `exit()` asked for the end.
+  /// Whether a signal, the timeout, a changed file, the script's own `exit()` or its full memory asks for the end.
   bool IsStopped() const;
   bool IsTimedOut() const { return m_timedOut; }
+
+  /// Whether scripts can do no more than let go of what fills their memory.
+  bool IsFull() const { return m_automation.IsMemoryFull(); }
 
  private:
   double Elapsed() const;

@@ -515,7 +515,6 @@ void Server::TakeClient() {
 }  // namespace
 
 std::unique_ptr<DebugServer> DebugServer::Start(unsigned short port, DebugService* service) {
-  if (port == 0) return nullptr;
   try {
     auto server = std::make_unique<Server>(service);
     if (server->Listen(port)) return server;

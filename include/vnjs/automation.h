@@ -71,7 +71,7 @@ class VNJS_API Automation {
   static void SetLimits(size_t heapBytes, size_t bufferBytes);
 
   /// Turns remote debugging on for the process, before any Automation is made: debuggers find each environment on
-  /// this port of 127.0.0.1. m_debug tells whether the port could be opened; port 0 is refused. The calling
+  /// this port of 127.0.0.1. m_debug tells whether the port could be opened; 0 is a port that the system chooses. The calling
   /// thread gets a current isolate if it has none, which the first environment it makes uses. With debugging on,
   /// a second call does nothing.
   static void EnableDebug(unsigned short port);

@@ -11,6 +11,7 @@ namespace vnjs {
 
 class Environment;
 class DroppedHandles;
+struct EnvironmentLink;
 
 /// One script value, kept alive for as long as somebody holds a pointer to it.
 ///
@@ -57,6 +58,24 @@ class VNJS_API CallbackBase : public VRefCountedObject {
 
   /// What to call; may be empty.
   const VRefCountedPointer<SafeValue> m_callback;
+};
+
+/// A way into an environment that may be kept and used when it has ended: for threads and libraries of the host whose
+/// end nobody waits for. Environment::PushCallback itself must not be called once the destructor has begun.
+///
+/// Threads:  any, at any time; copies are the same way.
+/// Ending:   after the environment's end nothing is queued any more.
+class VNJS_API CallbackPort {
+ public:
+  /// Of an environment that is alive; null, or one that is not ours, gives a port that leads nowhere.
+  explicit CallbackPort(Environment* environment);
+
+  /// Queues a callback as PushCallback does. False, and the callback dropped, when the environment has ended or is
+  /// terminating.
+  bool Push(VRefCountedPointer<CallbackBase> callback) const;
+
+ private:
+  std::shared_ptr<EnvironmentLink> m_link;
 };
 
 }  // namespace vnjs

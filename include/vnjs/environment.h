@@ -18,7 +18,8 @@ namespace vnjs {
 ///
 /// Owner:    the Automation that made it.
 /// Threads:  without a worker, one thread makes all calls; with one, Run and RunFile come from any.
-///           PushCallback, Log, the named threads and the variables are for any thread at any time.
+///           PushCallback, Log, the named threads and the variables are for any thread as long as the environment is
+///           alive: whoever calls them is done before the destructor begins. CallbackPort is for those who may be late.
 /// Ending:   once terminating (`exit()`, StopThread, destruction) it refuses callbacks, threads and variables.
 class VNJS_API Environment {
  public:

@@ -10,6 +10,10 @@
 /// none of its locks while it calls them, but usually the isolate's; `set_thread_name` alone is called while the thread's
 /// creator may hold that of the environment's threads, and must not ask for one of those.
 
+/// A host that hides its symbols (`-fvisibility=hidden`) shows these all the same, because the dynamic linker looks
+/// for them.
+#pragma GCC visibility push(default)
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -48,3 +52,5 @@ char* sys_last_err_string(void);
 #ifdef __cplusplus
 }
 #endif
+
+#pragma GCC visibility pop

@@ -16,9 +16,10 @@ class VNJS_API VRefCounter {
   VRefCounter& operator=(const VRefCounter&) = delete;
   virtual ~VRefCounter();
 
-  /// @{ One more, one less.
+  /// @{ One more, one less, each with the new value; and the value at this moment.
   int operator++() { return m_count.fetch_add(1) + 1; }
   int operator--() { return m_count.fetch_sub(1) - 1; }
+  int count() const { return m_count; }
   /// @}
 
  private:
@@ -39,6 +40,9 @@ class VNJS_API VRefCountedObject {
 
   /// One reference more.
   void AddRef() { ++m_references; }
+
+  /// How many references there are at this moment.
+  int References() const { return m_references.count(); }
 
   /// Returns the new count; at 0 the object is gone.
   int ReleaseRef() {

@@ -28,7 +28,8 @@ VNJS_API void VDetachThread(unsigned long* handle);
 /// A named native thread that belongs to an environment.
 ///
 /// Owner:    reference counted; the running function holds one reference, so it may outlive its creator's.
-///           Whoever makes one with `new` must put it into a VRefCountedPointer.
+///           Whoever makes one with `new` puts it into a VRefCountedPointer at once; one that nobody has taken is
+///           gone a second after its function has ended.
 /// Threads:  all operations from any thread. Once the constructor has returned, the thread runs and has its
 ///           name.
 /// Ending:   the function polls IsTerminating(); the environment asks every thread that CreateThread has made and joins
@@ -61,10 +62,6 @@ class VNJS_API Thread : public VRefCountedObject {
   /// Asks the function to return; nothing is interrupted.
   void SetTerminating() { m_terminating = true; }
 
-  /// Hides the base's operation: the thread has to know that its creator has a reference before it
-  /// drops its own.
-  void AddRef();
-
  private:
   static void* ThreadFuncNative(void* self);
   void ForgetName();
@@ -76,7 +73,6 @@ class VNJS_API Thread : public VRefCountedObject {
   std::atomic<unsigned long> m_handle{0};
   std::atomic<bool> m_detached{false};
   std::atomic<bool> m_terminating{false};
-  std::atomic<bool> m_taken{false};
 
   const std::shared_ptr<EnvironmentLink> m_link;
 

@@ -24,7 +24,7 @@ class VNJS_API ByteArray {
   /// The bytes of a script value: an Array of numbers from 0 to 255, a one-byte string, an ArrayBuffer or a
   /// view of one; empty for every other value. Throws VornException "Element is not a number", "Element value
   /// out of range" or "String encoding is not one-byte".
-  explicit ByteArray(v8::Local<v8::Value> value);
+  ByteArray(v8::Local<v8::Value> value);  // NOLINT(google-explicit-constructor)
   virtual ~ByteArray();
 
   /// Takes a copy of the bytes in place of its own.
@@ -61,7 +61,7 @@ class VNJS_API NativeString {
   NativeString() = default;
 
   /// @{ The text as GetString gives it; a copy has its own.
-  explicit NativeString(v8::Local<v8::Value> value);
+  NativeString(v8::Local<v8::Value> value);  // NOLINT(google-explicit-constructor)
   NativeString(const NativeString& other);
   NativeString& operator=(const NativeString& other);
   /// @}

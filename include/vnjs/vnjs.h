@@ -2,6 +2,7 @@
 
 /// The whole library interface.
 
+#include <vnjs/array_buffer_allocator.h>
 #include <vnjs/automation.h>
 #include <vnjs/callback.h>
 #include <vnjs/environment.h>

@@ -143,6 +143,11 @@ class Description {
   }
 
   void AddPromise(v8::Local<v8::Promise> promise) {
+    if (m_around.size() == kDeepest) {
+      m_text += "[Promise]";
+      return;
+    }
+    m_around.push_back(promise);
     m_text += "Promise {";
     if (promise->State() == v8::Promise::kPending) {
       m_text += "<pending>";
@@ -151,6 +156,7 @@ class Description {
       Add(promise->Result());
     }
     m_text += "}";
+    m_around.pop_back();
   }
 
   void AddParts(v8::Local<v8::Object> object, const std::string& name) {

@@ -6,6 +6,8 @@
 
 #include "bridge/native.h"
 #include "modules/core/core.h"
+// What a dictionary needs outlives exit(), which other extensions' state does not.
+#include "engine/environment_impl.h"
 
 namespace vnjs {
 
@@ -22,11 +24,16 @@ enum Field { kSpellings, kSpellingCount, kFieldCount };
 /// A script that keeps asking in new spellings shall not fill the memory.
 constexpr int kMostSpellings = 4096;
 
-/// Sets `text` to what names are compared by: the text that GetString gives, with small ASCII letters.
+/// A longer name is no header's. Several copies of it are made.
+constexpr int kLongestName = 1 << 20;
+
+/// Sets `text` to what names are compared by: UTF-8 up to the first zero, with small ASCII letters. Halves of surrogate
+/// pairs stay apart. Throws VornException for a name that is too long.
 void Fold(v8::Isolate* isolate, v8::Local<v8::String> name, std::string& text) {
+  if (name->Length() > kLongestName) throw VornException("Name is too long");
   text.resize(3 * static_cast<size_t>(name->Length()));
   const int size = name->WriteUtf8(isolate, text.data(), static_cast<int>(text.size()), nullptr,
-                                   v8::String::NO_NULL_TERMINATION | v8::String::REPLACE_INVALID_UTF8);
+                                   v8::String::NO_NULL_TERMINATION);
   text.resize(strnlen(text.data(), static_cast<size_t>(size)));
   for (char& c : text) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
@@ -91,20 +98,14 @@ v8::MaybeLocal<v8::String> FindSpelling(v8::Local<v8::Context> context, v8::Loca
   v8::Local<v8::Value> known;
   if (Recall(context, dictionary, name).ToLocal(&known)) return known.As<v8::String>();
   v8::Isolate* const isolate = context->GetIsolate();
-  try {
-    std::string wanted;
-    Fold(isolate, name, wanted);
-    v8::Local<v8::String> found;
-    if (!Search(context, dictionary, wanted).ToLocal(&found)) return {};
-    // A name that ends at a zero may stand for an index, and those come and go without our knowledge.
-    if (wanted.size() == static_cast<size_t>(name->Utf8Length(isolate)))
-      Remember(context, dictionary, name, found);
-    return found;
-  } catch (const std::bad_alloc&) {
-    // Nothing of ours may be thrown through the engine.
-    ThrowException(isolate, GetVornError(-2));
-    return {};
-  }
+  std::string wanted;
+  Fold(isolate, name, wanted);
+  v8::Local<v8::String> found;
+  if (!Search(context, dictionary, wanted).ToLocal(&found)) return {};
+  // A name that ends at a zero may stand for an index, and those come and go without our knowledge.
+  if (wanted.size() == static_cast<size_t>(name->Utf8Length(isolate)))
+    Remember(context, dictionary, name, found);
+  return found;
 }
 
 /// The engine walks the history of an object's shape at each interception, and every new name makes that
@@ -124,10 +125,12 @@ bool HasExactly(v8::Local<v8::Context> context, v8::Local<v8::Object> dictionary
 }  // namespace
 
 VRefCountedPointer<NameValueDictionary::Env> NameValueDictionary::GetEnv(Environment* env) {
-  const VRefCountedPointer<EnvironmentVariable> variable = env->GetVariable(kVariable);
+  // Also while it is terminating, when it shows and takes no variables: each template made anew would stay in the heap.
+  auto* const implementation = static_cast<EnvironmentImpl*>(env);
+  const VRefCountedPointer<EnvironmentVariable> variable = implementation->FindVariable(kVariable);
   if (!variable.is_empty()) return static_cast<Env*>(variable.get_ptr());
   const VRefCountedPointer<Env> made(new Env);
-  env->SetVariable(kVariable, made.get_ptr());
+  implementation->KeepVariable(kVariable, made.get_ptr());
   return made;
 }
 
@@ -155,8 +158,8 @@ v8::Local<v8::FunctionTemplate> NameValueDictionary::NewTemplate(v8::Isolate* is
   const v8::Local<v8::ObjectTemplate> instance = result->InstanceTemplate();
   instance->SetInternalFieldCount(kFieldCount);
   instance->SetHandler(v8::NamedPropertyHandlerConfiguration(
-      Get, Set, Query, Del, nullptr, Define, nullptr, v8::Local<v8::Value>(),
-      v8::PropertyHandlerFlags::kOnlyInterceptStrings));
+      Native<&Get>, Native<&Set>, Native<&Query>, Native<&Del>, nullptr, Native<&Define>, nullptr,
+      v8::Local<v8::Value>(), v8::PropertyHandlerFlags::kOnlyInterceptStrings));
   instance->Set(isolate, "toString", v8::FunctionTemplate::New(isolate, ToString), v8::DontEnum);
   return result;
 }

@@ -24,7 +24,7 @@ class NameValueDictionary {
     v8::Global<v8::FunctionTemplate> m_template;
   };
 
-  /// Never empty. An environment that is terminating keeps nothing, so there every call makes a new one.
+  /// Never empty.
   static VRefCountedPointer<Env> GetEnv(Environment* env);
 
   /// A new dictionary without entries. The first one of an environment rebinds the script's global name.

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <openssl/md5.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <optional>
 
 #include "bridge/c_resource.h"
+#include "bridge/descriptor.h"
 #include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "modules/core/core.h"
@@ -40,9 +42,11 @@ bool Succeeds(Call call) {
 /// and would hold back what is written until the stream is closed, after the flush and the last check.
 class Stream {
  public:
-  Stream(const std::string& path, const char* mode) {
+  enum Mode { kRead, kReplace };
+
+  Stream(const std::string& path, Mode mode) {
     Succeeds([&] {
-      m_file.reset(fopen(path.c_str(), mode));
+      m_file = mode == kRead ? OpenForReading(path.c_str()) : FilePointer(fopen(path.c_str(), "wbe"));
       return m_file != nullptr;
     });
     if (m_file) setvbuf(m_file.get(), nullptr, _IONBF, 0);
@@ -70,7 +74,7 @@ std::optional<std::string> ReadObject(Environment* environment, const std::strin
   const auto size = static_cast<uint64_t>(status.st_size);
   RequireMemoryBriefly(environment, 2 * size);
   if (size > text.max_size()) throw std::bad_alloc();
-  const Stream stream(path, "rbe");
+  const Stream stream(path, Stream::kRead);
   if (stream.get() == nullptr) ThrowSystemError(errno);
   text.resize(static_cast<size_t>(size));
   size_t done = 0;
@@ -83,23 +87,49 @@ std::optional<std::string> ReadObject(Environment* environment, const std::strin
   return text;
 }
 
-void RemoveObject(const std::string& path) {
-  if (remove(path.c_str()) != 0 && errno != ENOENT) ThrowSystemError(errno);
-}
+/// The folder of an object, for as long as one is changed in it.
+///
+/// Locked against everybody else who changes one there, in this process or another: an object's temporary file has one
+/// name. Who holds the lock for a whole minute does something else, and the change fails. A folder that cannot be opened
+/// is not locked, nor flushed.
+class Folder {
+ public:
+  Folder(Environment* environment, const std::string& path)
+      : m_descriptor(open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    constexpr int kLongestMs = 60000;
+    for (int waited = 0; m_descriptor.get() >= 0 && flock(m_descriptor.get(), LOCK_EX | LOCK_NB) != 0;
+         ++waited) {
+      if (errno != EWOULDBLOCK && errno != EINTR) break;
+      if (waited == kLongestMs || IsInterrupted(environment))
+        throw VornException("Objects are locked by another process");
+      usleep(1000);
+    }
+  }
 
-/// Makes the new name itself outlive a power failure. The object is saved whether this works or not.
-void FlushFolder(const std::string& path) {
-  const int folder = open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) return;
-  Succeeds([&] { return fsync(folder) == 0; });
-  close(folder);
+  /// Makes names outlive a power failure. What was done is done whether this works or not.
+  void Flush() const {
+    if (m_descriptor.get() >= 0) Succeeds([&] { return fsync(m_descriptor.get()) == 0; });
+  }
+
+ private:
+  const Descriptor m_descriptor;
+};
+
+void RemoveObject(Environment* environment, const std::string& path) {
+  const Folder folder(environment, path);
+  if (remove(path.c_str()) == 0) {
+    folder.Flush();
+  } else if (errno != ENOENT) {
+    ThrowSystemError(errno);
+  }
 }
 
 /// Replaces the stored object as a whole: whenever this stops, the old text or the new one is what a reader
 /// finds.
-void WriteObject(const std::string& path, const std::string& text) {
+void WriteObject(Environment* environment, const std::string& path, const std::string& text) {
+  const Folder folder(environment, path);
   const std::string temporary = path + ".tmp";
-  Stream stream(temporary, "wbe");
+  Stream stream(temporary, Stream::kReplace);
   if (stream.get() == nullptr) {
     if (errno != ENOENT) ThrowSystemError(errno);
     // A host without the folder keeps no objects. Its scripts run all the same.
@@ -131,7 +161,7 @@ void WriteObject(const std::string& path, const std::string& text) {
     remove(temporary.c_str());
     throw VornException(reason ? reason.get() : "Error renaming file");
   }
-  FlushFolder(path);
+  folder.Flush();
 }
 
 /// The file that a native's first argument names.
@@ -184,9 +214,9 @@ void Core::SaveObject(const Info& info) {
   // A value that JSON does not represent is removed like null, also when its stringification threw: the
   // exception is pending and reaches the script.
   if (text.empty()) {
-    RemoveObject(path);
+    RemoveObject(GetEnvironment(isolate), path);
   } else {
-    WriteObject(path, text);
+    WriteObject(GetEnvironment(isolate), path, text);
   }
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -50,6 +51,9 @@ namespace {
 constexpr char kSeparators[] = "/\\";
 constexpr char kInvalidArguments[] = "Invalid arguments";
 
+/// Far more than what the system takes, which then says so itself.
+constexpr int kLongestPath = 1 << 16;
+
 /// The content of files from this size on stays outside of the engine's heap, where it would be a copy and
 /// count against the heap's limit.
 constexpr size_t kLargeFile = 16 << 20;
@@ -80,7 +84,9 @@ bool StaysInside(std::string_view path) {
 /// The name of the file that a script's path leads to. Throws when the path is empty or leaves the storage
 /// directory.
 std::string FileName(v8::Isolate* isolate, v8::Local<v8::Value> argument, int trim) {
-  std::string path = GetString(argument);
+  if (argument->IsString() && argument.As<v8::String>()->Length() > kLongestPath)
+    throw VornException(strerror(ENAMETOOLONG));
+  std::string path = GetText(argument);
   if (path.empty()) throw VornException(kInvalidArguments);
   if (trim & kLeading) path.erase(0, path.find_first_not_of(kSeparators));
   if (!FileSystem::ValidateRelativePath(path.c_str())) throw VornException(kInvalidArguments);
@@ -211,7 +217,9 @@ void FileSystem::List(const Info& info) {
 
   std::vector<v8::Local<v8::Value>> names;
   const std::unique_ptr<DIR, CloseFolder> folder(opendir(file.c_str()));
+  Environment* const environment = GetEnvironment(isolate);
   while (const dirent* const entry = folder ? readdir(folder.get()) : nullptr) {
+    if (IsInterrupted(environment)) return;
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.push_back(NewName(isolate, entry->d_name));
   }

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "modules/system/descriptor.h"
+#include "bridge/descriptor.h"
 
 namespace vnjs {
 

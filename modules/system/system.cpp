@@ -18,10 +18,10 @@
 #include <string_view>
 
 #include "bridge/c_resource.h"
+#include "bridge/descriptor.h"
 #include "bridge/memory_budget.h"
 #include "bridge/native.h"
 #include "engine/registration.h"
-#include "modules/system/descriptor.h"
 
 namespace vnjs {
 
@@ -54,8 +54,7 @@ bool IsAllowed(const std::string& policy, const std::string& command) {
   }
   if (status.st_size <= 0) return false;
 
-  // Closed on exec: a command started on another thread must not inherit it.
-  const FilePointer file(fopen(policy.c_str(), "re"));
+  const FilePointer file = OpenForReading(policy.c_str());
   if (!file) ThrowSystemError(errno);
   Line line;
   for (;;) {
