@@ -57,5 +57,32 @@ TEST_F(ValueTest, OfWhatScriptsMake) {
   EXPECT_EQ(GetString(caught.Exception()), "Error: Invalid prop argument to GetRealValue");
 }
 
+TEST_F(ValueTest, ConvertInALockedIsolateWithoutAContext) {
+  Run("var list = [{toString() { return 'text'; }}, 1]");
+  v8::Isolate* const isolate = environment()->GetIsolate();
+  const v8::Locker locker(isolate);
+  const v8::Isolate::Scope isolateScope(isolate);
+  const v8::HandleScope handles(isolate);
+  v8::Local<v8::Value> list;
+  {
+    const v8::Context::Scope scope(environment()->GetContext());
+    list = environment()
+               ->GetGlobal()
+               ->Get(environment()->GetContext(), v8::String::NewFromUtf8Literal(isolate, "list"))
+               .ToLocalChecked();
+  }
+  EXPECT_EQ(GetString(list), "text,1");
+  EXPECT_EQ(NativeString(list).length(), 6u);
+  EXPECT_EQ(GetString(JSON_stringify(isolate, list)), "[{},1]");
+  EXPECT_TRUE(JSON_parse(isolate, v8::String::NewFromUtf8Literal(isolate, "[1]"))->IsArray());
+  EXPECT_TRUE(GetBoolean(v8::Number::New(isolate, 2), false));
+  const auto join = v8::String::NewFromUtf8Literal(isolate, "join");
+  EXPECT_TRUE(GetRealValue(isolate, list.As<v8::Object>(), join)->IsFunction());
+  EXPECT_THROW(ByteArray{list}, VornException);
+  const v8::TryCatch caught(isolate);
+  ThrowException(isolate, "thrown");
+  EXPECT_EQ(GetString(caught.Exception()), "Error: thrown");
+}
+
 }  // namespace
 }  // namespace vnjs::testing

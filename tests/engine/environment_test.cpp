@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "tests/support/script_test.h"
@@ -100,6 +101,48 @@ TEST_F(EnvironmentTest, PendingCallbacksAreDroppedAtTheEnd) {
   EXPECT_FALSE(automation->ProcessPendingCallbacks());
   automation.reset();
   EXPECT_EQ(alive.use_count(), 1);
+}
+
+TEST_F(EnvironmentTest, StoppingDropsWhatIsQueuedButForTheCallbackThatRuns) {
+  Run("var n = 0");
+  std::atomic<int> begun{0};
+  for (int i = 0; i < 1000; ++i)
+    Push([&] {
+      if (++begun == 3) usleep(200000);
+    });
+  automation->StartThread();
+  EXPECT_TRUE(WaitUntil([&] { return begun == 3; }));
+  automation->StopThread();
+  EXPECT_EQ(begun, 3);
+  EXPECT_EQ(LogLines().back(), "Callbacks dropped at the end: 997");
+  EXPECT_EQ(LogLines().size(), 1u);
+}
+
+TEST_F(EnvironmentTest, APortQueuesUntilTheEnvironmentEndsAndMayBeUsedLater) {
+  struct Count : CallbackBase {
+    Count(Environment* environment, std::atomic<int>* count)
+        : CallbackBase(environment, {}), m_count(count) {}
+    void Call() override { ++*m_count; }
+    std::atomic<int>* const m_count;
+  };
+  std::atomic<int> calls{0};
+  Environment* const raw = environment();
+  const CallbackPort port(raw);
+  EXPECT_TRUE(port.Push(new Count(raw, &calls)));
+  automation->ProcessPendingCallbacks();
+  EXPECT_EQ(calls, 1);
+  automation->StartThread();
+  std::atomic<bool> done{false};
+  std::thread pushing([&] {
+    while (port.Push(new Count(raw, &calls))) usleep(100);
+    done = true;
+  });
+  EXPECT_TRUE(WaitUntil([&] { return calls > 10; }));
+  automation.reset();
+  EXPECT_TRUE(WaitUntil([&] { return done.load(); }));
+  pushing.join();
+  EXPECT_FALSE(port.Push(new Count(raw, &calls)));
+  EXPECT_FALSE(CallbackPort(nullptr).Push(nullptr));
 }
 
 TEST_F(EnvironmentTest, ScriptValuesDropOnAnyThreadAndAfterTheEnd) {
@@ -229,6 +272,18 @@ TEST_F(ThreadTest, ShortFunctionsDoNotOvertakeTheirCreator) {
     detached->Detach();
     detached->Join();
   }
+}
+
+TEST_F(ThreadTest, ReferencesOfABaseCountAndThreadsThatNobodyTakesEnd) {
+  const auto threads = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = threads();
+  const VRefCountedPointer<VRefCountedObject> base = new Thread(environment(), "base", ReturnAtOnce, nullptr);
+  static_cast<Thread*>(base.get_ptr())->Join();
+  for (int i = 0; i < 5; ++i) new Thread(environment(), "discarded", ReturnAtOnce, nullptr);
+  EXPECT_TRUE(WaitUntil([&] { return threads() == before; }));
 }
 
 TEST_F(ThreadTest, TheEnvironmentKeepsThreadsByNameAndEndsThem) {

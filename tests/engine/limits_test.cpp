@@ -99,6 +99,15 @@ TEST_F(LimitsTest, AFullHeapEndsTheScriptAndIsAsLargeAsBeforeAfterwards) {
   EXPECT_EQ(Fail("var kept = []; for (;;) kept.push({});"), kOutOfMemory);
   EXPECT_EQ(Run("kept = null; 0"), "0");
   EXPECT_LE(Heap().heap_size_limit(), limit + limit / 4);
+  // Also when it has filled the heap again and again.
+  Run("var lists = []");
+  for (int i = 0; i < 10 && !automation->IsMemoryFull(); ++i) {
+    EXPECT_EQ(Fail("{ let list = []; lists.push(list); for (;;) list.push({}); }"), kOutOfMemory);
+  }
+  EXPECT_TRUE(automation->IsMemoryFull());
+  EXPECT_EQ(Fail("for (;;) lists.push({})"), kOutOfMemory) << "more than a little";
+  EXPECT_EQ(Run("lists = null; 0"), "0");
+  EXPECT_FALSE(automation->IsMemoryFull());
   EXPECT_EQ(Run("kept = new Array(100000).fill().map(() => ({})); kept.length"), "100000");
   // One that keeps taking ends without more memory.
   for (int i = 0; i < 20; ++i) automation->Run("for (;;) kept.push({});", "hog");
@@ -143,6 +152,21 @@ TEST_F(LimitsTest, LimitsAreThoseOfEnvironmentsMadeLater) {
     EXPECT_EQ(Run("system('echo', 'x'.repeat(5000))[1].length"), "5001");
     Run("kept = null");
   }
+}
+
+TEST_F(LimitsTest, AResultDoesNotCountWhenTheHeapIsMeasured) {
+  MakeAgain(64 * kMegabyte, 64 * kMegabyte);
+  EXPECT_EQ(Run("'x'.repeat(33e6)").size(), 33000002u);
+  EXPECT_EQ(Fail("'x'.repeat(100e6)"), "Bad allocation");
+  EXPECT_EQ(Run("1"), "1");
+}
+
+TEST_F(LimitsTest, TimersAreSetThoughTheBuffersAreFull) {
+  MakeAgain(64 * kMegabyte, kMegabyte);
+  EXPECT_EQ(Run("var kept = []; try { for (;;) kept.push(new Uint8Array(1000)); } catch (e) { } "
+                "setTimeout(() => 0, 9)"),
+            "1");
+  EXPECT_EQ(Fail("for (;;) setTimeout(() => 0, 1e9)"), "Uncaught Error: Bad allocation");
 }
 
 TEST_F(LimitsTest, TicksOfABusyScriptPileUpToTheLimitAndAllComeInTheEnd) {

@@ -339,7 +339,7 @@ void TrySave(const Save& save) {
   std::string calls;
   for (int call = 1; call <= report->count; ++call) calls += std::string(report->names[call]) + ' ';
   const bool saves = save.newText != "null";
-  if (calls != (saves ? "fopen64 fwrite fsync fclose rename fsync " : "remove ")) Note(calls);
+  if (calls != (saves ? "fopen64 fwrite fsync fclose rename fsync " : "remove fsync ")) Note(calls);
   if (saves && report->flushed != static_cast<long>(save.newText.size()))
     Note("flushed before all was written");
 }

@@ -218,10 +218,14 @@ TEST_F(CliTest, MakesTheStorageFolder) {
 
 TEST_F(CliTest, ChecksSyntaxAndRunsNothing) {
   folder.Write("fine.js", "debugPrint('ran'); none();");
+  folder.Write("zero.js", std::string_view("1;\0 what is behind a zero is not run", 36));
   RunTable(R"(
     let a; let ä = 'ö🎉', a;
     check a.js fine.js                     ==> 1 || a.js:1:23: Uncaught SyntaxError: Identifier 'a' has already been declared\n1 | let a; let ä = 'ö🎉', a;\n  |                      ^
     check fine.js                          ==> 0
+    check zero.js                          ==> 0
+    eval --memory 7 1                      ==> 2 || vnjs: --memory: '7' is not a number of megabytes from 8 on
+    eval --memory 8 'try { new Uint8Array(9e6); } catch (e) { e.name; }' ==> 0 "RangeError"
     check fine.js missing.js               ==> 2 || vnjs: missing.js: No such file or directory
   )");
 }

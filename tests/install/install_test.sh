@@ -40,7 +40,7 @@ done
 "$compiler" "${other[@]}" -Werror -fsyntax-only "${flags[@]}" -include vnjs/host.h -x c /dev/null
 
 read -ra flags <<<"$(pkgconfig --cflags --libs vnjs)"
-"$compiler" -std=c++17 "${other[@]}" -x c++ "$example/main.cc" "$example/host_functions.cc" -x none -o "$work/pkg-config" "${flags[@]}"
+"$compiler" -std=c++17 -fvisibility=hidden "${other[@]}" -x c++ "$example/main.cc" "$example/host_functions.cc" -x none -o "$work/pkg-config" "${flags[@]}"
 toolchain=$(cached CMAKE_TOOLCHAIN_FILE)
 cmake -G Ninja -S "$example" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
   -DCMAKE_TOOLCHAIN_FILE="${toolchain:+$(cd "$here/../.." && realpath "$toolchain")}" -DVNJS_SYSROOT="$sysroot" -Dvnjs_DIR="$(dirname "$config")" \

@@ -104,6 +104,8 @@ TEST_F(NameValueDictionaryTest, ThePropertiesThatScriptsDefine) {
     // The engine adds these without asking for leave.
     Reflect.set({}, 'Late', 1, d); [d.late, d.LATE] ==> [1,1]
     new class extends (function () { return d; }) { ['Later'] = 2 }; d.LATER ==> 2
+    d['\ud800'] = 1; d['\ud801'] = 2; d['\ufffd'] = 3; [d['\ud800'], d['\ud801'], d['\ufffd']] ==> [1,2,3]
+    d['x'.repeat(2e6)] = 1                         ==> Uncaught Error: Name is too long
   )js");
 }
 
@@ -151,6 +153,9 @@ TEST_F(NameValueDictionaryTest, WorksAfterExitAndAfterATermination) {
   Run("exit(); var Native = NameValueDictionary; var d = new Native({A: 1}), e = new Native({B: 2})");
   CollectGarbage(environment());
   EXPECT_EQ(Run("[d.a, e.b, new Native({D: 4}).d]"), "[1,2,4]");
+  const size_t before = UsedHeap();
+  Run("for (var i = 0; i < 5000; i++) new Native()");
+  EXPECT_LT(UsedHeap(), before + (1 << 20)) << "one template serves them all";
 }
 
 constexpr char kState[] = "storage/state-9ed39e2ea931586b6a985a6942ef573e.json";
@@ -169,6 +174,16 @@ TEST_F(ObjectStorageTest, KeepsObjectsUnderNamesMadeOfLettersDigitsAndDigest) {
     fs.loadJSON('storage/Mylamp2ndfloor-7f5b2c307b0a60ffce1a54e8fb59d36a.json') ==> 1
     fs.loadJSON('storage/-2f43b42fd833d1e77420a8dae7419000.json') ==> 2
   )js");
+}
+
+TEST_F(ObjectStorageTest, EnvironmentsThatShareAFolderNeverSeeHalfAnObject) {
+  AtOnce(4, [&](int) {
+    Automation other(dir().c_str());
+    const std::string code =
+        "var text = 'x'.repeat(20000); for (var i = 0; i < 60; i++) {"
+        " saveObject('state', {text}); if (loadObject('state').text !== text) throw 1; } 'fine'";
+    EXPECT_EQ(other.Run(code.c_str(), "s").result(), "\"fine\"");
+  });
 }
 
 TEST_F(ObjectStorageTest, RefusesArgumentsAndRemovesWhatJsonDoesNotRepresent) {
