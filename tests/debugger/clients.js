@@ -8,9 +8,9 @@ const path = require('path');
 const {pathToFileURL} = require('url');
 const {pause, runTests, start, until, vnjsProgram, within} = require('./harness');
 
-let CDP;
+let Connection, listTargets;
 try {
-  CDP = require('chrome-remote-interface');
+  ({Connection, listTargets} = require('./protocol'));
 } catch (error) {
   console.log(`skipped: ${error.message}`);
   process.exit(77);
@@ -32,20 +32,20 @@ class Client {
     self.events = [];
     self.scripts = {};
     const target = (targets) => targets.find(({title}) => title === folder + '/');
-    self.cdp = await within(CDP({host: '127.0.0.1', port: host.port, local: true, target}), 'attaching');
-    self.cdp.on('event', (event) => {
+    const onEvent = (event) => {
       self.events.push(event);
       if (event.method === 'Debugger.scriptParsed') self.scripts[event.params.scriptId] = event.params.url;
-    });
-    self.closed = new Promise((resolve) => self.cdp.on('disconnect', resolve));
+    };
+    self.connection = await within(Connection.open(host.port, target, onEvent), 'attaching');
+    self.closed = self.connection.closed;
     for (const domain of ['Debugger', ...domains]) await self.send(`${domain}.enable`);
     return self;
   }
 
-  send(method, parameters) { return within(this.cdp.send(method, parameters), method); }
+  send(method, parameters) { return within(this.connection.send(method, parameters), method); }
 
   /// Asks, and waits for no answer.
-  tell(method, parameters) { this.cdp.send(method, parameters).catch(() => {}); }
+  tell(method, parameters) { this.connection.send(method, parameters).catch(() => {}); }
 
   /// The value of an expression.
   async ask(method, parameters) { return (await this.send(method, {...parameters, returnByValue: true})).result.value; }
@@ -73,7 +73,7 @@ class Client {
 
   breakAt(url, line) { return this.send('Debugger.setBreakpointByUrl', {url, lineNumber: line - 1}); }
   resume() { return this.send('Debugger.resume'); }
-  vanish() { this.cdp._ws.terminate(); }
+  vanish() { this.connection.vanish(); }
 }
 
 /// A client that has stopped the timer of that environment.
@@ -215,7 +215,7 @@ const tests = {
     const client = await pauseIn(host, garden);
     await until(async () => Number(await house.run('ticks')) > 5, 'the timer of the other environment');
     assert.equal(await garden.run('var ran = true'), 'Code took too long to return result');
-    await within(client.cdp.close(), 'detaching');
+    await within(client.connection.close(), 'detaching');
     assert.equal(await garden.run('typeof ran'), '"undefined"');
   },
 
@@ -237,7 +237,7 @@ const tests = {
         await within(client.closed, 'the close');
       }
       await until(() => threads() === before, 'no thread left');
-      assert.deepEqual(await CDP.List({host: '127.0.0.1', port: host.port}), []);
+      assert.deepEqual(await listTargets(host.port), []);
     }
   },
 

@@ -42,6 +42,8 @@ json Do(const std::string& command, const std::string& name, const json& line) {
 }  // namespace
 
 int main() try {
+  // Small, so that a heap is full soon.
+  Automation::SetLimits(64 << 20, 64 << 20);
   std::mt19937 random(std::random_device{}());
   unsigned short port = 0;
   while (!Automation::m_debug) {
