@@ -35,9 +35,6 @@ struct FreeParser {
 constexpr size_t kMostResults = 1000000;
 constexpr size_t kMostText = 128 * 1024 * 1024;
 
-/// How many prefixes or results are handled between two looks whether the script is to end.
-constexpr size_t kBetweenLooks = 1000;
-
 /// One evaluation, and what becomes of its result.
 class Query {
  public:
@@ -83,13 +80,6 @@ class Query {
 
   v8::MaybeLocal<v8::Value> ReadScalar() { return ReadText(m_evaluator->ToText(&m_result)); }
 
-  /// Whether the script is to end, which it then does.
-  bool IsToEnd() const {
-    const bool result = IsInterrupted(m_environment);
-    if (result) EndScript(m_environment);
-    return result;
-  }
-
  private:
   bool Bind(const Xml::Namespaces& namespaces) {
     // libxml2's tables do not grow with what they hold.
@@ -97,7 +87,7 @@ class Query {
     size_t bound = 0;
     for (const auto& [prefix, uri] : namespaces) {
       vnjs::xmlXPathRegisterNs(m_context.get(), ToXml(prefix.c_str()), ToXml(uri.c_str()));
-      if (++bound % kBetweenLooks == 0 && IsToEnd()) return false;
+      if (++bound % kBetweenLooks == 0 && IsToEnd(m_isolate)) return false;
     }
     return true;
   }
@@ -125,6 +115,7 @@ bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Names
   if (!map->GetPropertyNames(context).ToLocal(&prefixes)) return false;
   size_t bytes = 0;
   for (uint32_t i = 0; i < prefixes->Length(); ++i) {
+    if (i % kBetweenLooks == 0 && IsToEnd(isolate)) return false;
     const v8::HandleScope handleScope(isolate);
     v8::Local<v8::Value> prefix;
     v8::Local<v8::Value> uri;
@@ -133,7 +124,7 @@ bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Names
     if (!prefix->IsString()) continue;
     if (!map->Get(context, prefix).ToLocal(&uri)) return false;
     if (!IsText(uri)) continue;
-    namespaces->emplace_back(GetString(prefix), GetString(uri));
+    namespaces->emplace_back(ReadName(prefix), GetText(uri));
     // Of a string that the script has once there may be many copies, and libxml2 makes another one of each.
     bytes += 2 * (namespaces->back().first.size() + namespaces->back().second.size());
     RequireMemoryBriefly(GetEnvironment(isolate), bytes);
@@ -152,7 +143,7 @@ template <typename Finder, typename Locate>
 void Find(Xml::XmlEnv* env, const v8::FunctionCallbackInfo<v8::Value>& info, Finder finder, Locate locate) {
   if (locate().doc == nullptr) return;
   if (!IsText(info[0])) throw VornException("Invalid argument");
-  const std::string expression = GetString(info[0]);
+  const std::string expression = GetText(info[0]);
   // Of a text in it libxml2 makes three copies on its way to the result.
   RequireMemoryBriefly(GetEnvironment(info.GetIsolate()), 4 * expression.size());
   Xml::Namespaces namespaces;
@@ -209,7 +200,7 @@ v8::MaybeLocal<v8::Value> Xml::FindAll(XmlEnv* env, const char* expression, xmlD
       values.push_back(value);
       if (value->IsString()) text += static_cast<size_t>(value.As<v8::String>()->Length());
       if (text > kMostText) throw VornException("XPath result is too large");
-      if (values.size() % kBetweenLooks == 0 && query.IsToEnd()) return {};
+      if (values.size() % kBetweenLooks == 0 && IsToEnd(env->isolate())) return {};
     }
   }
   return v8::Array::New(env->isolate(), values.data(), values.size()).As<v8::Value>();

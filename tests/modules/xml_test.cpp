@@ -112,6 +112,16 @@ TEST_F(XmlTest, NothingOutsideIsRead) {
         '<r xmlns:xi="http://www.w3.org/2001/XInclude"><xi:include href="URLsecret" parse="text"/></r>',
       ].map(text => root(text.replaceAll('URL', url)).findOne('concat(., @a)'))).flat().join('') ==> "xxx"
     )js");
+    // What was declared is written again, and an entity that is declared elsewhere, if at all, is still referred to.
+    RunTable(R"js(
+      var xhtml = '<!DOCTYPE p PUBLIC "-//W3C//DTD XHTML 1.0 Strict//EN" "x.dtd"><p>21&nbsp;&deg;C</p>'; ==> undefined
+      [xhtml, '<!DOCTYPE r [<!ENTITY e SYSTEM "u"><!ENTITY f PUBLIC "p" "u"><!ENTITY % p SYSTEM "u"> %p;]><r>a&e;b</r>'].map(x =>
+        body(parse(x)))
+          ==> ["<!DOCTYPE p PUBLIC \"-//W3C//DTD XHTML 1.0 Strict//EN\" \"x.dtd\"><p>21&nbsp;&deg;C</p>","<!DOCTYPE r [<!ENTITY e SYSTEM \"u\"><!ENTITY f PUBLIC \"p\" \"u\"><!ENTITY % p SYSTEM \"u\">]><r>ab</r>"]
+      ['<r a="&e;"/>', '<r a="&f;"/>', '<r>&g;</r>'].map(r => fail(() => parse('<!DOCTYPE r [<!NOTATION n SYSTEM "n">' +
+        '<!ENTITY e SYSTEM "u"><!ENTITY f "x&e;"><!ENTITY g SYSTEM "u" NDATA n>]>' + r)).replace(/.*: /, ''))
+          ==> ["Attribute references external entity 'e'\n","Attribute references external entity 'e'\n","Entity reference to unparsed entity g\n"]
+    )js");
     EXPECT_EQ(xmlGetExternalEntityLoader(), installed);
   }
   xmlSetExternalEntityLoader(loader);
@@ -131,8 +141,14 @@ TEST_F(XmlTest, HostileDocumentsAndObjectsEndInAnError) {
     var declared = type(`<!ATTLIST a ${attributes(400, ' CDATA "0"')}>`, '\n');
     fail(() => parse(`${declared}<r>${'<a/>'.repeat(1e5)}</r>`)) ==> "XML error at line 2: Document is too large"
     outcome(`${declared}<r b='' b=''>${'<a/>'.repeat(1e5)}</r>`).slice(0, 10) ==> "XML error:"
-    outcome(type(`<!-- ' ]> --><?p ' ]> ?><!ENTITY e ']>"'><!ENTITY f '${'x'.repeat(8200)}'>`))
-        ==> "XML error: Document type is too long"
+    var comment = n => `<!-- ' ]> ${'x'.repeat(n)} --><?p ' ]> ?>`, values = n => '(v' + '|v'.repeat(n / 2) + ')'; ==> undefined
+    [comment(1) + `<!ENTITY f '${'x'.repeat(33000)}'>`, `<!ATTLIST a b ${values(8200)} #IMPLIED>`,
+     `<!ENTITY % p '<!ATTLIST a b ${values(8200)} #IMPLIED>'>`].map(x => outcome(type(x)))
+        ==> ["XML error: Document type is too long","XML error: Document type is too long","XML error: Document type is too long"]
+    [comment(1e5) + `<!ENTITY e ']>"'><!ENTITY f '${'x'.repeat(31000)}'>`, `<!ATTLIST a b ${values(7000)} #IMPLIED>`]
+        .map(x => outcome(type(x)))               ==> ["no exception","no exception"]
+    var bomb = list(12, i => `<!ENTITY % p${i + 1} "${`&#37;p${i};`.repeat(10)}">`).join(''); ==> undefined
+    outcome(type(`<!ENTITY % p0 "<!---->">${bomb}%p12;`)) ==> "XML error: Detected an entity reference loop\n"
     var nested = list(19, i => `<!ENTITY e${i} "${tags(40)}${i ? `&e${i - 1};` : ''}${ends(40)}">`).join('');
     outcome(type(nested, '<r>&e18;</r>'))          ==> "XML error: Too many elements in entities"
     outcome(type(`<!ENTITY e "${tags(150)}${ends(150)}">`, tags(150) + '&e;' + ends(150)))
@@ -247,6 +263,9 @@ TEST_F(XmlTest, Attributes) {
     // Declared with a default, an attribute has a value before it is there.
     root('<!DOCTYPE r [<!ATTLIST r d CDATA "x" i ID #IMPLIED>]><r i="k"/>').attributes.d ==> "x"
     var i = root('<!DOCTYPE r [<!ATTLIST e i ID #IMPLIED>]><r><e i="k"/></r>'); i.children[0].attributes.i = 'l';
+    var t = list(40, i => `<!ATTLIST e${i} i ID #IMPLIED j ID #IMPLIED>`).join('');
+    var e = parse(`<!DOCTYPE r [${t}]><r><e39 j="k"/></r>`); e.findOne('id("k")').name + e.toString().match(/ ID /g).length
+        ==> "e3980"
     [i.findOne('id("l")').name, i.findOne('id("k")'), i.removeChild(0), i.findOne('id("l")')] ==> ["e",null,true,null]
     var heir = Object.create(m); heir.own = 1; [heir.lang, heir.own, m.own] ==> [null,1,null]
     for (const k in r.attributes) { delete r.attributes.again; r.attributes ? 0 : 'gone'; } ==> "gone"
