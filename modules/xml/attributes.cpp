@@ -32,7 +32,7 @@ void Xml::GetAttribute(v8::Local<v8::Name> name, const ValueInfo& info) {
   }
   const xmlNode* const element = GetElement(info);
   if (element == nullptr) return;
-  const XmlTextPointer text = GetAttributeValue(element, GetString(name));
+  const XmlTextPointer text = GetAttributeValue(element, ReadName(name));
   v8::Local<v8::String> value;
   if (text == nullptr) {
     info.GetReturnValue().SetUndefined();
@@ -49,7 +49,7 @@ void Xml::SetAttribute(v8::Local<v8::Name> name, v8::Local<v8::Value> value, con
   // Only now, because the value's own toString may have removed the element.
   xmlNode* const element = GetElement(info);
   if (element == nullptr) return;
-  const std::string attribute = GetString(name);
+  const std::string attribute = ReadName(name);
   if (IsXmlName(attribute)) {
     Document* const document = Document::Of(element);
     document->SetAttribute(element, attribute, text);
@@ -69,7 +69,7 @@ void Xml::DeleteAttribute(v8::Local<v8::Name> name, const v8::PropertyCallbackIn
   bool removed = false;
   if (element != nullptr) {
     Document* const document = Document::Of(element);
-    removed = document->RemoveAttribute(element, GetString(name));
+    removed = document->RemoveAttribute(element, ReadName(name));
     document->Charge();
   }
   info.GetReturnValue().Set(removed);

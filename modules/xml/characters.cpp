@@ -8,9 +8,6 @@ namespace vnjs {
 
 namespace {
 
-/// What the parser takes for the length of a name, in bytes (XML_MAX_NAME_LENGTH of libxml2).
-constexpr size_t kLongestName = 50000;
-
 struct Range {
   int first;
   int last;
@@ -39,7 +36,7 @@ bool IsIn(const Range (&ranges)[size], int character) {
 }  // namespace
 
 bool IsXmlName(const std::string& name) {
-  if (name.empty() || name.size() > kLongestName) return false;
+  if (name.empty() || name.size() > size_t{kLongestName}) return false;
   for (size_t i = 0; i < name.size();) {
     int length = static_cast<int>(name.size() - i);
     const int character = xmlGetUTF8Char(reinterpret_cast<const xmlChar*>(&name[i]), &length);

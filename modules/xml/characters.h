@@ -4,6 +4,9 @@
 
 namespace vnjs {
 
+/// What the parser takes for the length of a name, in bytes (XML_MAX_NAME_LENGTH of libxml2).
+constexpr int kLongestName = 50000;
+
 /// Whether an element or attribute of that name can be written and parsed again. Colons are letters like any
 /// other. The length is limited as the parser limits it.
 bool IsXmlName(const std::string& name);

@@ -6,33 +6,21 @@
 #include <vnjs/value.h>
 
 #include <new>
-#include <string_view>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "bridge/native.h"
 #include "modules/xml/node_builder.h"
 #include "modules/xml/parser.h"
+#include "modules/xml/writer.h"
 
 namespace vnjs {
 
 namespace {
 
-/// The document as indented text; null when libxml2 cannot write it.
-XmlTextPointer Serialise(const Document& document, int* size) {
-  xmlDoc* const doc = document.doc();
-  xmlChar* text = nullptr;
-  xmlDocDumpFormatMemory(doc, &text, size, 1);
-  XmlTextPointer result(text);
-  const bool isForeign =
-      doc->encoding != nullptr && xmlParseCharEncoding(FromXml(doc->encoding)) != XML_CHAR_ENCODING_UTF8;
-  // Written in the encoding that it declares. Where that is not a text for scripts, or has no form for a name, it is
-  // declared and written as one.
-  if (isForeign && result != nullptr && (document.HasForeignNames() || xmlCheckUTF8(text) == 0)) {
-    xmlDocDumpFormatMemoryEnc(doc, &text, size, "UTF-8", 1);
-    result.reset(text);
-  }
-  return result;
-}
+/// What would not fit if it were the only one.
+constexpr char kTooLarge[] = "XML error: Document is too large";
 
 }  // namespace
 
@@ -101,8 +89,15 @@ void Xml::New(const Info& info) {
     // A tree takes at least what its text took.
     const v8::Local<v8::String> text =
         info[0]->IsString() ? info[0].As<v8::String>() : info[0].As<v8::StringObject>()->ValueOf();
-    RequireMemory(environment, static_cast<size_t>(text->Length()));
-    doc = ParseXml(GetString(info[0]), GetMemoryBudget(environment)->limit());
+    const auto length = static_cast<size_t>(text->Utf8Length(info.GetIsolate()));
+    const size_t limit = GetMemoryBudget(environment)->limit();
+    if (length > limit) throw VornException(kTooLarge);
+    RequireMemory(environment, length);
+    doc = ParseXml(environment, GetString(info[0]), limit);
+    if (IsInterrupted(environment)) {
+      EndScript(environment);
+      return;
+    }
   }
   if (doc == nullptr) throw VornException(GetLastXmlError());
   Document* const document = env->Add(std::move(doc), info.This());
@@ -112,6 +107,8 @@ void Xml::New(const Info& info) {
   }
   document->Charge();
   // The object that is too much has no owner, and goes with the next collection.
+  if (static_cast<uint64_t>(document->size()) > GetMemoryBudget(environment)->limit())
+    throw VornException(kTooLarge);
   RequireMemory(environment, 0);
   info.GetReturnValue().Set(info.This());
 }
@@ -125,15 +122,12 @@ void Xml::ToString(const Info& info) {
   XmlEnv* const env = XmlEnv::From(info.Data());
   const Document* const document = env == nullptr ? nullptr : GetPtr(env, info.This());
   if (document == nullptr) return;
-  int size = 0;
-  const XmlTextPointer text = Serialise(*document, &size);
-  if (text == nullptr) {
-    info.GetReturnValue().Set(NewName(info.GetIsolate(), "VXmlDocument"));
-    return;
-  }
+  Environment* const environment = GetEnvironment(info.GetIsolate());
+  const std::optional<std::string> text = WriteXml(environment, *document);
   v8::Local<v8::String> result;
-  if (NewString(info.GetIsolate(), std::string_view(FromXml(text.get()), static_cast<size_t>(size)))
-          .ToLocal(&result)) {
+  if (!text.has_value()) {
+    if (!IsInterrupted(environment)) info.GetReturnValue().Set(NewName(info.GetIsolate(), "VXmlDocument"));
+  } else if (NewString(info.GetIsolate(), *text).ToLocal(&result)) {
     info.GetReturnValue().Set(result);
   }
 }

@@ -34,6 +34,13 @@ xmlNode* GetReceiver(Xml::XmlEnv* env, v8::Local<v8::Object> receiver) {
   return GetElement(receiver);
 }
 
+bool IsToEnd(v8::Isolate* isolate) {
+  Environment* const environment = GetEnvironment(isolate);
+  const bool result = IsInterrupted(environment);
+  if (result) EndScript(environment);
+  return result;
+}
+
 NodeMaker::NodeMaker(Xml::XmlEnv* env, xmlDoc* doc)
     : m_tree(static_cast<Tree*>(doc->_private)),
       m_context(env->isolate()->GetCurrentContext()),
@@ -157,6 +164,7 @@ void Xml::GetNodeChildren(v8::Local<v8::Name>, const ValueInfo& info) {
     if (child->type != XML_ELEMENT_NODE) continue;
     if (!maker.Make(child).ToLocal(&node)) return;
     children.push_back(node);
+    if (children.size() % kBetweenLooks == 0 && IsToEnd(info.GetIsolate())) return;
   }
   info.GetReturnValue().Set(v8::Array::New(info.GetIsolate(), children.data(), children.size()));
 }

@@ -29,6 +29,11 @@ xmlNode* GetElement(const v8::PropertyCallbackInfo<Result>& info) {
 /// The element of the object that a node's method was called on; null for every other receiver.
 xmlNode* GetReceiver(Xml::XmlEnv* env, v8::Local<v8::Object> receiver);
 
+/// How many objects are made, or read, between two looks whether the script is to end; and such a look, which ends the
+/// script.
+constexpr size_t kBetweenLooks = 1000;
+bool IsToEnd(v8::Isolate* isolate);
+
 /// Makes the objects of one document's elements.
 class NodeMaker {
  public:

@@ -8,6 +8,7 @@
 
 #include "bridge/native.h"
 #include "modules/xml/characters.h"
+#include "modules/xml/node.h"
 
 namespace vnjs {
 
@@ -21,8 +22,13 @@ constexpr size_t kMostEntries = 1000000;
 
 bool IsText(v8::Local<v8::Value> value) { return value->IsString() || value->IsStringObject(); }
 
+std::string ReadName(v8::Local<v8::Value> value) {
+  if (value->IsString() && value.As<v8::String>()->Length() > kLongestName) return {};
+  return GetText(value);
+}
+
 bool ReadText(v8::Isolate* isolate, v8::Local<v8::Value> value, std::string* text) {
-  *text = GetString(value);
+  *text = GetText(value);
   if (isolate->IsExecutionTerminating()) return false;
   ReplaceSurrogates(text);
   if (!IsXmlText(*text)) throw VornException("Text contains a character that XML cannot represent");
@@ -38,6 +44,8 @@ NodeBuilder::NodeBuilder(Xml::XmlEnv* env, Tree* tree)
 
 void NodeBuilder::Spend(size_t bytes) {
   if (++m_entries > kMostEntries) throw VornException("XML is too large");
+  // The next look at a script object finds that the script has ended.
+  if (m_entries % kBetweenLooks == 0) IsToEnd(m_isolate);
   if (!m_memory->Fits(bytes)) RequireMemory(GetEnvironment(m_isolate), bytes);
   m_charge.Set(m_charge.bytes() + bytes);
 }
@@ -53,7 +61,7 @@ bool NodeBuilder::Build(v8::Local<v8::Value> value, int depth, NodePointer* resu
   v8::Local<v8::Value> part;
   if (!Read(object, Xml::XmlEnv::kName, &part)) return false;
   if (!IsText(part)) return true;
-  const std::string name = GetString(part);
+  const std::string name = ReadName(part);
   if (!IsXmlName(name)) return true;
   if (depth > kDeepest) throw VornException("XML is nested too deeply");
   Spend(sizeof(xmlNode) + name.size());
@@ -91,7 +99,7 @@ bool NodeBuilder::AddAttributes(v8::Local<v8::Object> attributes, xmlNode* eleme
     if (!name->IsString()) continue;
     std::string text;
     if (!attributes->Get(m_context, name).ToLocal(&value) || !ReadText(m_isolate, value, &text)) return false;
-    const std::string key = GetString(name);
+    const std::string key = ReadName(name);
     if (!IsXmlName(key)) continue;
     if (++count > kMostAttributes) throw VornException("Too many XML attributes");
     Spend(sizeof(xmlAttr) + sizeof(xmlNode) + key.size() + text.size());

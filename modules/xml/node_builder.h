@@ -45,6 +45,9 @@ class NodeBuilder {
 /// Whether a value is a string or a String object.
 bool IsText(v8::Local<v8::Value> value);
 
+/// The text of a name; empty where it is longer than names are, because making it would cost memory for nothing.
+std::string ReadName(v8::Local<v8::Value> value);
+
 /// Sets `text` to the value's text. False when the script was terminated while it was converted. Throws
 /// VornException when there is a character in it that XML cannot write.
 bool ReadText(v8::Isolate* isolate, v8::Local<v8::Value> value, std::string* text);

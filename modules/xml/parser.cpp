@@ -11,6 +11,8 @@
 #include <string_view>
 #include <utility>
 
+#include "bridge/native.h"
+
 namespace vnjs {
 
 namespace {
@@ -26,9 +28,10 @@ constexpr int kMostNamespaces = 1000;
 /// How often libxml2 may compare attributes that the document type declares: it does so for each element anew.
 constexpr double kMostComparisons = 1e9;
 
-/// The longest document type, in bytes: about 300 entities of a letter each. What stands there costs libxml2 the
-/// square of its length, or a level of its stack for each few bytes.
-constexpr size_t kLongestDoctype = 8 * 1024;
+/// The longest document type without its comments, and the longest declaration in it but for entities, in bytes. Of what
+/// a declaration lists libxml2 takes a level of its stack for each few bytes.
+constexpr size_t kLongestDoctype = 32 * 1024;
+constexpr size_t kLongestDeclaration = 8 * 1024;
 
 /// How much text may come from entities, beside as much as the document itself has.
 constexpr size_t kMostExpanded = 1024 * 1024;
@@ -36,9 +39,8 @@ constexpr size_t kMostExpanded = 1024 * 1024;
 /// The most elements in the texts of all entities: nested into each other, they add to the document's depth.
 constexpr int kMostEntityElements = 200;
 
-/// The most attributes of the type ID that are declared as such; more are taken for text. Each one costs libxml2 a
-/// look at all others, and a line on standard error.
-constexpr int kMostIds = 16;
+/// How many nodes are made between two looks whether the script is to end.
+constexpr size_t kNodesBetweenLooks = 1000;
 
 /// The shortest attribute is ` a=""`.
 constexpr size_t kCrowdedTag = 5 * kMostAttributes;
@@ -56,7 +58,11 @@ struct Watch {
   /// What the tree may still take, in bytes.
   size_t memory = 0;
   int entityElements = 0;
-  int ids = 0;
+  Environment* environment = nullptr;
+  size_t nodes = 0;
+
+  /// Stands for all parameter entities that are elsewhere.
+  xmlEntity nothing{};
   bool hasDefaults = false;
   bool stopped = false;
 
@@ -86,22 +92,14 @@ void Refuse(void* parser, const char* complaint) {
 }
 
 /// The parser goes on after an error, without any of these callbacks and their limits. What it still does is harmless,
-/// but for declared attributes.
+/// but for declared attributes, and entities that it has found too many of: with these it goes on for ever.
 void OnError(void* parser, xmlError* error) {
-  if (error->level == XML_ERR_FATAL && WatchOf(parser)->hasDefaults) Stop(parser);
+  if (error->level != XML_ERR_FATAL) return;
+  if (WatchOf(parser)->hasDefaults || error->code == XML_ERR_ENTITY_LOOP) Stop(parser);
 }
 
-/// An entity whose text is elsewhere becomes one without any text, so that there is nothing to fetch. The
-/// loader that libxml2 offers for this is one for the whole process, and the host's.
 void DeclareEntity(void* parser, const xmlChar* name, int type, const xmlChar* publicId,
                    const xmlChar* systemId, xmlChar* content) {
-  xmlChar nothing[] = {'\0'};
-  if (type == XML_EXTERNAL_GENERAL_PARSED_ENTITY || type == XML_EXTERNAL_PARAMETER_ENTITY) {
-    const bool isGeneral = type == XML_EXTERNAL_GENERAL_PARSED_ENTITY;
-    type = isGeneral ? XML_INTERNAL_GENERAL_ENTITY : XML_INTERNAL_PARAMETER_ENTITY;
-    publicId = systemId = nullptr;
-    content = nothing;
-  }
   Watch* const watch = WatchOf(parser);
   for (const xmlChar* c = content; c != nullptr && *c != '\0'; ++c)
     watch->entityElements += *c == '<' ? 1 : 0;
@@ -113,31 +111,68 @@ void DeclareEntity(void* parser, const xmlChar* name, int type, const xmlChar* p
   xmlSAX2EntityDecl(parser, name, type, publicId, systemId, content);
 }
 
-void DeclareAttribute(void* parser, const xmlChar* element, const xmlChar* name, int type, int deflt,
-                      const xmlChar* value, xmlEnumeration* values) {
-  Watch* const watch = WatchOf(parser);
-  if (type == XML_ATTRIBUTE_ID && ++watch->ids > kMostIds) type = XML_ATTRIBUTE_CDATA;
-  if (value != nullptr) watch->hasDefaults = true;
-  xmlSAX2AttributeDecl(parser, element, name, type, deflt, value, values);
+xmlAttribute* FindDeclared(const xmlParserCtxt* parser, const xmlChar* element, const xmlChar* name) {
+  if (parser->myDoc == nullptr || parser->myDoc->intSubset == nullptr) return nullptr;
+  int prefix = 0;
+  const xmlChar* const local = xmlSplitQName3(name, &prefix);
+  if (local == nullptr) return xmlGetDtdQAttrDesc(parser->myDoc->intSubset, element, name, nullptr);
+  const std::string space(FromXml(name), static_cast<size_t>(prefix));
+  return xmlGetDtdQAttrDesc(parser->myDoc->intSubset, element, local, ToXml(space.c_str()));
 }
 
-xmlEntity* GetEntity(void* parser, const xmlChar* name) {
+void DeclareAttribute(void* context, const xmlChar* element, const xmlChar* name, int type, int deflt,
+                      const xmlChar* value, xmlEnumeration* values) {
+  auto* const parser = static_cast<xmlParserCtxt*>(context);
+  if (value != nullptr) WatchOf(parser)->hasDefaults = true;
+  // libxml2 looks for other attributes of the type ID among all that the element has, and prints a line for each.
+  const bool isId = type == XML_ATTRIBUTE_ID && FindDeclared(parser, element, name) == nullptr;
+  if (type == XML_ATTRIBUTE_ID) type = XML_ATTRIBUTE_CDATA;
+  xmlSAX2AttributeDecl(parser, element, name, type, deflt, value, values);
+  xmlAttribute* const declared = isId ? FindDeclared(parser, element, name) : nullptr;
+  if (declared != nullptr) declared->atype = XML_ATTRIBUTE_ID;
+}
+
+xmlEntity* Expand(void* parser, xmlEntity* entity) {
   Watch* const watch = WatchOf(parser);
-  xmlEntity* const entity = watch->stopped ? nullptr : xmlSAX2GetEntity(parser, name);
-  if (entity == nullptr) return nullptr;
+  if (entity == nullptr || watch->stopped) return nullptr;
   watch->expanded += static_cast<size_t>(std::max(0, entity->length));
   if (watch->expanded <= watch->mostExpanded) return entity;
   Refuse(parser, "Too much text from entities");
   return nullptr;
 }
 
-void IgnoreExternalSubset(void*, const xmlChar*, const xmlChar*, const xmlChar*) {}
+/// An entity whose text is elsewhere is there, and has none. The loader that libxml2 offers for this is one for the whole
+/// process, and the host's. What it has declared must be what is written again.
+xmlEntity* GetEntity(void* context, const xmlChar* name) {
+  auto* const parser = static_cast<xmlParserCtxt*>(context);
+  xmlEntity* const entity = Expand(parser, xmlSAX2GetEntity(parser, name));
+  if (entity == nullptr) return nullptr;
+  // Without this option libxml2 goes on behind the reference. What else it stands for it has remembered elsewhere. One
+  // without a place to load it from is an error.
+  const bool isElsewhere = entity->etype == XML_EXTERNAL_GENERAL_PARSED_ENTITY &&
+                           (entity->URI != nullptr || entity->ExternalID != nullptr);
+  parser->options = isElsewhere ? parser->options & ~XML_PARSE_NOENT : parser->options | XML_PARSE_NOENT;
+  return entity;
+}
 
-/// An entity that is declared elsewhere, if at all, has no text.
-void IgnoreReference(void*, const xmlChar*) {}
+xmlEntity* GetParameterEntity(void* parser, const xmlChar* name) {
+  xmlEntity* const entity = Expand(parser, xmlSAX2GetParameterEntity(parser, name));
+  if (entity == nullptr || entity->etype != XML_EXTERNAL_PARAMETER_ENTITY) return entity;
+  static xmlChar empty[] = {'\0'};
+  xmlEntity* const nothing = &WatchOf(parser)->nothing;
+  nothing->type = XML_ENTITY_DECL;
+  nothing->etype = XML_INTERNAL_PARAMETER_ENTITY;
+  nothing->name = entity->name;
+  nothing->content = nothing->orig = empty;
+  nothing->doc = entity->doc;
+  return nothing;
+}
+
+void IgnoreExternalSubset(void*, const xmlChar*, const xmlChar*, const xmlChar*) {}
 
 bool Spend(void* parser, size_t bytes) {
   Watch* const watch = WatchOf(parser);
+  if (++watch->nodes % kNodesBetweenLooks == 0 && IsInterrupted(watch->environment)) Stop(parser);
   const bool fits = bytes <= watch->memory;
   watch->memory -= fits ? bytes : 0;
   if (!fits) Refuse(parser, "Document is too large");
@@ -150,6 +185,11 @@ void Comment(void* parser, const xmlChar* text) {
 
 void ProcessingInstruction(void* parser, const xmlChar* target, const xmlChar* text) {
   if (Spend(parser, 2 * sizeof(xmlNode))) xmlSAX2ProcessingInstruction(parser, target, text);
+}
+
+/// To an entity that is declared elsewhere, if at all.
+void Reference(void* parser, const xmlChar* name) {
+  if (Spend(parser, 2 * sizeof(xmlNode))) xmlSAX2Reference(parser, name);
 }
 
 void StartElement(void* parser, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri,
@@ -221,23 +261,36 @@ bool HasCrowdedTag(std::string_view text) {
   return false;
 }
 
-/// Where the document type ends that a text starts with.
-size_t EndOfDoctype(std::string_view text) {
+/// Whether the document type that a text starts with is longer than it may be, or one of its declarations is.
+bool IsLongDoctype(std::string_view text) {
   bool isInside = false;
-  for (size_t i = text.find_first_of("\"'[]<>", 1); i < text.size();
-       i = text.find_first_of("\"'[]<>", i + 1)) {
+  size_t skipped = 0;
+  size_t declaration = 0;
+  size_t i = text.find_first_of("\"'[]<>", 1);
+  for (; i < text.size() && (isInside || text[i] != '>'); i = text.find_first_of("\"'[]<>", i + 1)) {
     if (text[i] == '"' || text[i] == '\'') {
       i = std::min(text.find(text[i], i + 1), text.size());
-    } else if (text[i] == '<' && i + 1 < text.size()) {
-      const bool isOpaque = text.compare(i, 4, "<!--") == 0 || text[i + 1] == '?';
-      if (isOpaque) i += EndOfMarkup(text.substr(i));
-    } else if (text[i] == '>' && !isInside) {
-      return i;
+    } else if (text.compare(i, 4, "<!--") == 0 || text.compare(i, 2, "<?") == 0) {
+      const size_t length = EndOfMarkup(text.substr(i));
+      skipped += length;
+      i += length;
+      // Its end is none of a declaration.
+      declaration = i;
+    } else if (text[i] == '<') {
+      declaration = i;
+    } else if (text[i] == '>') {
+      // Only what a parameter entity stands for may hold another declaration.
+      const std::string_view all = text.substr(declaration, i - declaration);
+      constexpr std::string_view kEntity = "<!ENTITY";
+      const size_t name = all.find_first_not_of(" \t\r\n", kEntity.size());
+      const bool isText =
+          all.compare(0, kEntity.size(), kEntity) == 0 && name < all.size() && all[name] != '%';
+      if (all.size() > kLongestDeclaration && !isText) return true;
     } else {
       isInside = text[i] == '[' || (isInside && text[i] != ']');
     }
   }
-  return text.size();
+  return std::min(i, text.size()) - skipped > kLongestDoctype;
 }
 
 bool HasLongDoctype(std::string_view text) {
@@ -246,7 +299,7 @@ bool HasLongDoctype(std::string_view text) {
   while (start < text.size() && start + 1 < text.size() &&
          (text[start + 1] == '?' || text[start + 1] == '!')) {
     const std::string_view rest = text.substr(start);
-    if (rest.compare(0, kDoctype.size(), kDoctype) == 0) return EndOfDoctype(rest) > kLongestDoctype;
+    if (rest.compare(0, kDoctype.size(), kDoctype) == 0) return IsLongDoctype(rest);
     start = text.find('<', start + EndOfMarkup(rest));
   }
   return false;
@@ -273,7 +326,7 @@ bool IsDeep(const xmlDoc* doc) {
 
 }  // namespace
 
-DocPointer ParseXml(const std::string& text, size_t memory) {
+DocPointer ParseXml(Environment* environment, const std::string& text, size_t memory) {
   if (HasCrowdedTag(text)) throw VornException("XML error: Too many attributes");
   if (HasLongDoctype(text)) throw VornException("XML error: Document type is too long");
   // An error of an earlier parse is no answer to why this one failed.
@@ -283,13 +336,15 @@ DocPointer ParseXml(const std::string& text, size_t memory) {
   Watch watch;
   watch.mostExpanded = kMostExpanded + text.size();
   watch.memory = memory;
+  watch.environment = environment;
   parser->_private = &watch;
   parser->sax->serror = OnError;
   parser->sax->entityDecl = DeclareEntity;
   parser->sax->attributeDecl = DeclareAttribute;
   parser->sax->getEntity = GetEntity;
   parser->sax->externalSubset = IgnoreExternalSubset;
-  parser->sax->reference = IgnoreReference;
+  parser->sax->getParameterEntity = GetParameterEntity;
+  parser->sax->reference = Reference;
   parser->sax->startElementNs = StartElement;
   parser->sax->comment = Comment;
   parser->sax->processingInstruction = ProcessingInstruction;

@@ -223,6 +223,37 @@ int Tree::DepthOf(const xmlNode* element) {
   return depth;
 }
 
+uintptr_t Tree::NumberOf(const xmlNode* node) {
+  if (node->type == XML_DOCUMENT_NODE) return 1;
+  return reinterpret_cast<uintptr_t>(node->type == XML_ELEMENT_NODE ? node->content : node->_private);
+}
+
+void Tree::NumberNodes() {
+  uintptr_t last = 1;
+  const auto number = [&last](xmlNode* node) {
+    void* const next = reinterpret_cast<void*>(++last);
+    if (node->type != XML_ELEMENT_NODE) {
+      node->_private = next;
+      return;
+    }
+    // libxml2 itself keeps there what it needs to sort.
+    node->content = static_cast<xmlChar*>(next);
+    for (xmlAttr* attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
+      attribute->_private = reinterpret_cast<void*>(++last);
+    }
+  };
+  for (xmlNode* node = m_doc->children; node != nullptr; node = node->next) {
+    VisitSubtree(node, number);
+    if (node->type != XML_DTD_NODE) continue;
+    // XPath gets there from what stands before or behind it.
+    for (xmlNode* declared = node->children; declared != nullptr; declared = declared->next) {
+      number(declared);
+      if (declared->type != XML_ENTITY_DECL) continue;
+      for (xmlNode* part = declared->children; part != nullptr; part = part->next) VisitSubtree(part, number);
+    }
+  }
+}
+
 void Tree::Free(xmlNode* node) {
   VisitSubtree(node, [this](xmlNode* freed) {
     m_size -= NodeSize(freed);

@@ -47,7 +47,7 @@ void CheckXmlMemory();
 /// object holds no element but a Reference, which is void from the moment the element is freed.
 ///
 /// Owner:    the script's document object. The `_private` of the xmlDoc points here, that of each element
-///           with references to its slot.
+///           with references to its slot, that of other nodes is their number, for which elements have `content`.
 /// Threads:  the one that holds the isolate. No script runs inside.
 /// Failures: out of memory is std::bad_alloc with the tree unchanged.
 class Tree {
@@ -89,6 +89,11 @@ class Tree {
 
   /// How many elements are around one.
   static int DepthOf(const xmlNode* element);
+
+  /// Where a node stands in the document, counted from the document itself, which is 1; 0 for one that came after the
+  /// last NumberNodes. Not for namespaces. Whatever is edited, numbers stay in order.
+  static uintptr_t NumberOf(const xmlNode* node);
+  void NumberNodes();
 
   /// Puts an element in the root's place. The old one is freed with all that is in it, as everything that an
   /// edit takes out.

@@ -4,16 +4,16 @@
 #include <vnjs/error.h>
 #include <vnjs/value.h>
 
-#include <algorithm>
 #include <memory>
 #include <new>
-#include <string_view>
+#include <optional>
+#include <utility>
 
 #include "bridge/native.h"
 #include "modules/xml/document.h"
 #include "modules/xml/node.h"
 #include "modules/xml/node_builder.h"
-#include "modules/xml/xpath_texts.h"
+#include "modules/xml/xpath_evaluator.h"
 
 namespace vnjs {
 
@@ -23,77 +23,88 @@ struct FreeContext {
   void operator()(xmlXPathContext* context) const { xmlXPathFreeContext(context); }
 };
 
-struct FreeResult {
-  void operator()(xmlXPathObject* result) const { xmlXPathFreeObject(result); }
+/// With the values that a function which failed has left.
+struct FreeParser {
+  void operator()(xmlXPathParserContext* parser) const {
+    while (parser->valueNr > 0) xmlXPathFreeObject(valuePop(parser));
+    xmlXPathFreeParserContext(parser);
+  }
 };
-using ResultPointer = std::unique_ptr<xmlXPathObject, FreeResult>;
-
-/// How much of an evaluation is enough, in libxml2's operations: about a second of a slow controller's time.
-constexpr unsigned long kMostSteps = 10000000;
-
-/// libxml2 lets an expression nest to a depth of 5000, a parenthesis being 10 of it and a path's step 1, with up
-/// to 180 bytes of stack for each (measured on x86-64). Below a script there may be no more than 128 KB, so the
-/// evaluation starts as if it were in this depth already.
-constexpr int kDepthBefore = 4600;
 
 /// What a result may hold, in nodes and in bytes of text: the engine cannot be asked for more in one call.
-constexpr int kMostResults = 1000000;
+constexpr size_t kMostResults = 1000000;
 constexpr size_t kMostText = 128 * 1024 * 1024;
 
-/// Null when the expression cannot be evaluated.
-ResultPointer Evaluate(Environment* environment, const char* expression, xmlDoc* doc, xmlNode* contextNode,
-                       const Xml::Namespaces& namespaces) {
-  const std::unique_ptr<xmlXPathContext, FreeContext> context(xmlXPathNewContext(doc));
-  if (context == nullptr) throw std::bad_alloc();
-  // An operation on simple paths looks at all alternatives.
-  const std::string_view text = expression;
-  context->opLimit = kMostSteps / static_cast<unsigned long>(1 + std::count(text.begin(), text.end(), '|'));
-  context->depth = kDepthBefore;
-  if (contextNode == nullptr) {
-    // Without a root there is no context node, and relative paths lead nowhere.
-    const xmlNode* const root = xmlDocGetRootElement(doc);
-    if (root != nullptr) contextNode = root->parent;
-  }
-  if (contextNode != nullptr) xmlXPathSetContextNode(contextNode, context.get());
-  for (const auto& [prefix, uri] : namespaces) {
-    vnjs::xmlXPathRegisterNs(context.get(), ToXml(prefix.c_str()), ToXml(uri.c_str()));
-  }
-  const XPathTexts texts(environment, context.get());
-  ResultPointer result(xmlXPathEvalExpression(ToXml(expression), context.get()));
-  if (texts.isRefused()) throw std::bad_alloc();
-  return result;
-}
-
-/// A text as a script string, null when there is none.
-v8::MaybeLocal<v8::Value> ToValue(v8::Isolate* isolate, const XmlTextPointer& text) {
-  if (text == nullptr) return v8::Null(isolate);
-  return NewString(isolate, FromXml(text.get())).FromMaybe(v8::Local<v8::String>()).As<v8::Value>();
-}
-
-/// Turns results into script values.
-class ResultReader {
+/// One evaluation, and what becomes of its result.
+class Query {
  public:
-  ResultReader(Xml::XmlEnv* env, xmlDoc* doc) : m_isolate(env->isolate()), m_maker(env, doc) {}
+  Query(Xml::XmlEnv* env, xmlDoc* doc)
+      : m_isolate(env->isolate()),
+        m_environment(GetEnvironment(m_isolate)),
+        m_maker(env, doc),
+        m_context(xmlXPathNewContext(doc)) {
+    if (m_context == nullptr) throw std::bad_alloc();
+  }
 
-  v8::MaybeLocal<v8::Value> Read(xmlNode* node) const {
+  /// Null when the expression fails, or the script is to end.
+  const XPathValue* Evaluate(const char* expression, xmlNode* contextNode,
+                             const Xml::Namespaces& namespaces) {
+    if (contextNode == nullptr) {
+      // Without a root there is no context node, and relative paths lead nowhere.
+      const xmlNode* const root = xmlDocGetRootElement(m_context->doc);
+      if (root != nullptr) contextNode = root->parent;
+    }
+    if (contextNode != nullptr) xmlXPathSetContextNode(contextNode, m_context.get());
+    if (!Bind(namespaces)) return nullptr;
+    m_parser.reset(xmlXPathNewParserContext(ToXml(expression), m_context.get()));
+    if (m_parser == nullptr) throw std::bad_alloc();
+    try {
+      m_expression = ParseXPath(m_parser.get());
+      m_evaluator.emplace(m_environment, m_parser.get());
+      m_result = m_evaluator->Evaluate(*m_expression);
+    } catch (const XPathFailure&) {
+      return nullptr;
+    } catch (const XPathInterrupt&) {
+      EndScript(m_environment);
+      return nullptr;
+    }
+    return &m_result;
+  }
+
+  v8::MaybeLocal<v8::Value> Read(xmlNode* node) {
     if (node->type == XML_ELEMENT_NODE) {
       return m_maker.Make(node).FromMaybe(v8::Local<v8::Object>()).As<v8::Value>();
     }
-    return ToValue(m_isolate, XmlTextPointer(xmlNodeGetContent(node)));
+    return ReadText(m_evaluator->TextOf(node));
   }
 
-  v8::MaybeLocal<v8::Value> ReadScalar(xmlXPathObject* result) const {
-    return ToValue(m_isolate, XmlTextPointer(xmlXPathCastToString(result)));
-  }
+  v8::MaybeLocal<v8::Value> ReadScalar() { return ReadText(m_evaluator->ToText(&m_result)); }
 
  private:
-  v8::Isolate* const m_isolate;
-  const NodeMaker m_maker;
-};
+  bool Bind(const Xml::Namespaces& namespaces) {
+    // libxml2's tables do not grow with what they hold.
+    if (!namespaces.empty()) m_context->nsHash = xmlHashCreate(static_cast<int>(namespaces.size()) + 10);
+    size_t bound = 0;
+    for (const auto& [prefix, uri] : namespaces) {
+      vnjs::xmlXPathRegisterNs(m_context.get(), ToXml(prefix.c_str()), ToXml(uri.c_str()));
+      if (++bound % kBetweenLooks == 0 && IsToEnd(m_isolate)) return false;
+    }
+    return true;
+  }
 
-bool IsScalar(const xmlXPathObject* result) {
-  return result->type == XPATH_BOOLEAN || result->type == XPATH_NUMBER || result->type == XPATH_STRING;
-}
+  v8::MaybeLocal<v8::Value> ReadText(const XPathText& text) const {
+    return NewString(m_isolate, text.text).FromMaybe(v8::Local<v8::String>()).As<v8::Value>();
+  }
+
+  v8::Isolate* const m_isolate;
+  Environment* const m_environment;
+  const NodeMaker m_maker;
+  const std::unique_ptr<xmlXPathContext, FreeContext> m_context;
+  std::unique_ptr<xmlXPathParserContext, FreeParser> m_parser;
+  XPathExpressionPointer m_expression;
+  std::optional<XPathEvaluator> m_evaluator;
+  XPathValue m_result;
+};
 
 /// Reads a script's map of prefixes. False with an exception pending.
 bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Namespaces* namespaces) {
@@ -104,6 +115,7 @@ bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Names
   if (!map->GetPropertyNames(context).ToLocal(&prefixes)) return false;
   size_t bytes = 0;
   for (uint32_t i = 0; i < prefixes->Length(); ++i) {
+    if (i % kBetweenLooks == 0 && IsToEnd(isolate)) return false;
     const v8::HandleScope handleScope(isolate);
     v8::Local<v8::Value> prefix;
     v8::Local<v8::Value> uri;
@@ -112,7 +124,7 @@ bool ReadNamespaces(v8::Isolate* isolate, v8::Local<v8::Value> value, Xml::Names
     if (!prefix->IsString()) continue;
     if (!map->Get(context, prefix).ToLocal(&uri)) return false;
     if (!IsText(uri)) continue;
-    namespaces->emplace_back(GetString(prefix), GetString(uri));
+    namespaces->emplace_back(ReadName(prefix), GetText(uri));
     // Of a string that the script has once there may be many copies, and libxml2 makes another one of each.
     bytes += 2 * (namespaces->back().first.size() + namespaces->back().second.size());
     RequireMemoryBriefly(GetEnvironment(isolate), bytes);
@@ -131,7 +143,7 @@ template <typename Finder, typename Locate>
 void Find(Xml::XmlEnv* env, const v8::FunctionCallbackInfo<v8::Value>& info, Finder finder, Locate locate) {
   if (locate().doc == nullptr) return;
   if (!IsText(info[0])) throw VornException("Invalid argument");
-  const std::string expression = GetString(info[0]);
+  const std::string expression = GetText(info[0]);
   // Of a text in it libxml2 makes three copies on its way to the result.
   RequireMemoryBriefly(GetEnvironment(info.GetIsolate()), 4 * expression.size());
   Xml::Namespaces namespaces;
@@ -161,36 +173,34 @@ int xmlXPathRegisterNs(xmlXPathContext* context, const xmlChar* prefix, const xm
 
 v8::MaybeLocal<v8::Value> Xml::FindOne(XmlEnv* env, const char* expression, xmlDoc* doc, xmlNode* contextNode,
                                        const Namespaces& namespaces) {
-  const ResultPointer result =
-      Evaluate(GetEnvironment(env->isolate()), expression, doc, contextNode, namespaces);
+  Query query(env, doc);
+  const XPathValue* const result = query.Evaluate(expression, contextNode, namespaces);
   if (result == nullptr) return {};
-  if (IsScalar(result.get())) return ResultReader(env, doc).ReadScalar(result.get());
-  if (result->type != XPATH_NODESET) return {};
-  const xmlNodeSet* const nodes = result->nodesetval;
-  if (nodes == nullptr || nodes->nodeNr == 0 || nodes->nodeTab == nullptr) return v8::Null(env->isolate());
-  return ResultReader(env, doc).Read(nodes->nodeTab[0]);
+  if (result->type != XPathValue::kNodes) return query.ReadScalar();
+  const std::vector<xmlNode*>& nodes = result->nodes.nodes;
+  return nodes.empty() ? v8::Null(env->isolate()).As<v8::Value>() : query.Read(nodes.front());
 }
 
 v8::MaybeLocal<v8::Value> Xml::FindAll(XmlEnv* env, const char* expression, xmlDoc* doc, xmlNode* contextNode,
                                        const Namespaces& namespaces) {
-  const ResultPointer result =
-      Evaluate(GetEnvironment(env->isolate()), expression, doc, contextNode, namespaces);
+  Query query(env, doc);
+  const XPathValue* const result = query.Evaluate(expression, contextNode, namespaces);
   std::vector<v8::Local<v8::Value>> values;
-  const ResultReader reader(env, doc);
   v8::Local<v8::Value> value;
-  if (result != nullptr && IsScalar(result.get())) {
-    if (!reader.ReadScalar(result.get()).ToLocal(&value)) return {};
+  if (result != nullptr && result->type != XPathValue::kNodes) {
+    if (!query.ReadScalar().ToLocal(&value)) return {};
     values.push_back(value);
-  } else if (result != nullptr && result->type == XPATH_NODESET && result->nodesetval != nullptr) {
-    const xmlNodeSet* const nodes = result->nodesetval;
-    if (nodes->nodeNr > kMostResults) throw VornException("XPath result is too large");
-    values.reserve(static_cast<size_t>(nodes->nodeNr));
+  } else if (result != nullptr) {
+    const std::vector<xmlNode*>& nodes = result->nodes.nodes;
+    if (nodes.size() > kMostResults) throw VornException("XPath result is too large");
+    values.reserve(nodes.size());
     size_t text = 0;
-    for (int i = 0; i < nodes->nodeNr; ++i) {
-      if (!reader.Read(nodes->nodeTab[i]).ToLocal(&value)) return {};
+    for (xmlNode* const node : nodes) {
+      if (!query.Read(node).ToLocal(&value)) return {};
       values.push_back(value);
       if (value->IsString()) text += static_cast<size_t>(value.As<v8::String>()->Length());
       if (text > kMostText) throw VornException("XPath result is too large");
+      if (values.size() % kBetweenLooks == 0 && IsToEnd(env->isolate())) return {};
     }
   }
   return v8::Array::New(env->isolate(), values.data(), values.size()).As<v8::Value>();
