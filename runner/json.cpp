@@ -26,7 +26,7 @@ constexpr size_t kDigitsAtOnce = 9;
 /// The layout of scripts for these digits, of which the first stands for ten to the power of `exponent`.
 std::string LayOut(const std::string& digits, int exponent) {
   const int count = static_cast<int>(digits.size());
-  if (exponent >= 21 || exponent < -7) {
+  if (exponent >= 21 || exponent < -6) {
     const std::string fraction = count > 1 ? '.' + digits.substr(1) : "";
     return digits[0] + fraction + 'e' + (exponent < 0 ? "" : "+") + std::to_string(exponent);
   }

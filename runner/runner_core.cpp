@@ -26,6 +26,9 @@ std::atomic<int> forks{0};
 /// In which process the first runner began; the engine's threads are in that one alone.
 std::atomic<int> engineProcess{-1};
 
+/// Environments are told apart by numbers, across all runners.
+std::atomic<uint64_t> lastEnvironment{0};
+
 /// How often this process and its parents have forked since.
 int Process() {
   static const bool isCounted = pthread_atfork(nullptr, nullptr, [] { ++forks; }) == 0;
@@ -409,7 +412,7 @@ ScriptError RunnerCore::StartScript() {
   } else {
     const RunnerEnvironment::Turn turn(m_environment.get());
     error = m_environment->Start(code, source, m_options.startLimit);
-    m_environment->MeasureHeap();
+    Publish();
   }
   if (error) {
     LeaveScript(State::kFailed);
@@ -423,13 +426,11 @@ ScriptError RunnerCore::StartScript() {
 
 ScriptError RunnerCore::MakeEnvironment(std::string* code, std::string* source) {
   bool isFile = false;
-  uint64_t number = 0;
   {
     const Lock lock(m_mutex);
     isFile = m_isFile;
     *code = m_code;
     *source = m_source;
-    number = ++m_lastEnvironment;
   }
   try {
     if (isFile) {
@@ -441,7 +442,7 @@ ScriptError RunnerCore::MakeEnvironment(std::string* code, std::string* source) 
       *code = ReadFile(source->c_str());
       if (source->empty()) return HostError("There is no file to start");
     }
-    m_environment = std::make_unique<RunnerEnvironment>(this, number, &m_definitions);
+    m_environment = std::make_unique<RunnerEnvironment>(this, ++lastEnvironment, &m_definitions);
   } catch (const VornException& e) {
     return HostError(e.msg());
   }
@@ -465,9 +466,15 @@ void RunnerCore::DoWork() {
       m_environment->Do(*job);
       job->what = Event();
     }
-    m_environment->MeasureHeap();
+    Publish();
   }
-  if (m_environment->HasEnded()) return LeaveScript(State::kEnded);
+  if (m_environment->HasEnded()) LeaveScript(State::kEnded);
+}
+
+/// Inside a turn: what other threads see of the script's figures.
+void RunnerCore::Publish() {
+  m_environment->MeasureHeap();
+  // Made with the first timer, and only there before it is shown.
   if (!m_timers.is_empty()) return;
   const VRefCountedPointer<EnvironmentVariable> timers = m_environment->GetTimers();
   const Lock lock(m_mutex);

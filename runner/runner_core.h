@@ -98,6 +98,7 @@ class RunnerCore : public std::enable_shared_from_this<RunnerCore> {
   void EndEnvironment();
   void LeaveScript(State state);
   void DoWork();
+  void Publish();
   Job* NextJob();
   size_t DropQueue();
   void SetState(State state);
@@ -140,7 +141,6 @@ class RunnerCore : public std::enable_shared_from_this<RunnerCore> {
   bool m_isFile = false;
   std::string m_code;
   std::string m_source;
-  uint64_t m_lastEnvironment = 0;
 
   /// Of the script that there is, for other threads.
   RunnerEnvironment* m_visible = nullptr;
