@@ -9,6 +9,7 @@
 #include "bridge/stack_limit.h"
 #include "runner/function_handle.h"
 #include "runner/payload.h"
+#include "runner/wire.h"
 
 namespace vnjs {
 
@@ -62,6 +63,17 @@ bool IsArray(v8::Local<v8::Value> value) {
 }
 
 }  // namespace
+
+bool Conversion::Prepare(v8::Local<v8::Context> context) {
+  v8::Local<v8::Value> constructor;
+  v8::Local<v8::Value> keys;
+  if (!context->Global()->Get(context, NewName(m_isolate, "Object")).ToLocal(&constructor) ||
+      !constructor.As<v8::Object>()->Get(context, NewName(m_isolate, "keys")).ToLocal(&keys)) {
+    return false;
+  }
+  m_objectKeys.Reset(m_isolate, keys.As<v8::Function>());
+  return true;
+}
 
 const char* DescribeScriptValue(v8::Local<v8::Value> value) {
   if (value->IsSymbol()) return "a symbol";
@@ -208,20 +220,24 @@ Value Conversion::ReadObject(v8::Local<v8::Context> context, v8::Local<v8::Objec
 
 Value Conversion::ReadMembers(v8::Local<v8::Context> context, v8::Local<v8::Object> object, Value result) {
   const v8::HandleScope scope(m_isolate);
-  const v8::Local<v8::Array> names = Checked(object->GetOwnPropertyNames(
-      context, static_cast<v8::PropertyFilter>(v8::ONLY_ENUMERABLE | v8::SKIP_SYMBOLS),
-      v8::KeyConversionMode::kConvertToString));
+  v8::Local<v8::Value> argument = object;
+  const v8::Local<v8::Function> keys = m_objectKeys.Get(m_isolate);
+  const auto names = Checked(keys->Call(context, v8::Undefined(m_isolate), 1, &argument)).As<v8::Array>();
   const uint32_t count = names->Length();
   auto& payload = ValueAccess::Get<ObjectPayload>(result);
   payload.members.reserve(payload.members.size() + count);
-  for (uint32_t i = 0; i < count; ++i) {
+  for (uint32_t i = 0; i < count;) {
+    // Handles of some members at a time: a scope for each would take a part of the time.
+    constexpr uint32_t kAtOnce = 32;
     const v8::HandleScope memberScope(m_isolate);
-    const v8::Local<v8::Value> key = Checked(names->Get(context, i));
-    std::string name = ReadText(key.As<v8::String>());
-    Count(sizeof(std::string) + name.size());
-    const v8::Local<v8::Value> member = Checked(object->Get(context, key));
-    Value value = AtPlace([&] { return Read(context, member); }, [&] { return '.' + name; });
-    payload.Append(std::move(name), std::move(value));
+    for (const uint32_t end = std::min(count, i + kAtOnce); i < end; ++i) {
+      const v8::Local<v8::Value> key = Checked(names->Get(context, i));
+      std::string name = ReadText(key.As<v8::String>());
+      Count(sizeof(std::string) + name.size());
+      const v8::Local<v8::Value> member = Checked(object->Get(context, key));
+      Value value = AtPlace([&] { return Read(context, member); }, [&] { return '.' + name; });
+      payload.Append(std::move(name), std::move(value));
+    }
   }
   return result;
 }
@@ -288,7 +304,15 @@ Value Conversion::ReadFunction(v8::Local<v8::Object> function) {
 }
 
 v8::Local<v8::Value> Conversion::ToScript(v8::Local<v8::Context> context, const Value& value) const {
-  return Make(context, value, 0);
+  // The engine's own reader has to be worth making.
+  constexpr size_t kMany = 8;
+  std::string wire;
+  const bool isLarge =
+      (value.type() == Value::Type::kObject || value.type() == Value::Type::kArray) && value.size() >= kMany;
+  if (!isLarge || !WriteWire(value, &wire)) return Make(context, value, 0);
+  v8::ValueDeserializer reader(m_isolate, reinterpret_cast<const uint8_t*>(wire.data()), wire.size());
+  if (!reader.ReadHeader(context).FromMaybe(false)) throw PendingException();
+  return Checked(reader.ReadValue(context));
 }
 
 v8::Local<v8::Value> Conversion::Make(v8::Local<v8::Context> context, const Value& value, int level) const {

@@ -38,6 +38,10 @@ class Conversion {
              size_t mostBytes)
       : m_isolate(isolate), m_core(std::move(core)), m_environment(environment), m_mostBytes(mostBytes) {}
 
+  /// Before any script runs. False when there is no memory.
+  bool Prepare(v8::Local<v8::Context> context);
+  void Clear() { m_objectKeys.Reset(); }
+
   /// Getters, and the traps of proxies, run. Bytes are those of typed arrays, views and buffers; a Date is what JSON makes
   /// of it; an error has its name, message and stack as members; holes are undefined. Other objects with contents of
   /// their own are refused, as are symbols and promises.
@@ -71,6 +75,9 @@ class Conversion {
   const std::weak_ptr<detail::RunnerCore> m_core;
   const uint64_t m_environment;
   const size_t m_mostBytes;
+
+  /// The engine's own `Object.keys`, which is several times faster than what it offers to C++.
+  v8::Global<v8::Function> m_objectKeys;
 
   // Of the conversion that runs; a getter can begin another one within.
   uint64_t m_bytes = 0;

@@ -46,14 +46,23 @@ struct ArrayPayload : Payload {
 
 /// Members in their order, and where to find them by name once they are many.
 struct ObjectPayload : Payload {
+  using Places = std::unordered_multimap<size_t, size_t>;
+
+  ObjectPayload() = default;
+  ObjectPayload(const ObjectPayload& other) : Payload(other), members(other.members) {}
+  ~ObjectPayload() override { delete places.load(); }
+  ObjectPayload& operator=(const ObjectPayload&) = delete;
   void GiveUp(Payload** list) override;
+
   Value* Find(std::string_view name);
 
   /// For a name that it does not have.
   void Append(std::string name, Value value);
 
   std::vector<std::pair<std::string, Value>> members;
-  std::unordered_multimap<size_t, size_t> places;
+
+  /// Made by whoever looks first: most objects are gone through and never looked up in.
+  std::atomic<Places*> places{nullptr};
 };
 
 /// Its absolute value in words of 64 bits, the lowest first.

@@ -37,22 +37,38 @@ RunnerEnvironment::RunnerEnvironment(detail::RunnerCore* core, uint64_t number, 
                                               GetMemoryBudget()->limit());
   m_handlers = std::make_unique<EventHandlers>(*m_conversion);
   m_promises = std::make_unique<HostPromises>(core->weak_from_this(), *m_conversion);
+  try {
+    Prepare(definitions);
+  } catch (...) {
+    Release();
+    throw;
+  }
+}
+
+RunnerEnvironment::~RunnerEnvironment() { Release(); }
+
+void RunnerEnvironment::Prepare(Definitions* definitions) {
   {
     const Turn turn(this);
     const v8::Local<v8::Context> context = m_environment->GetContext();
-    if (!m_handlers->Install(context)) throw VornException("Cannot create script context");
+    if (!m_conversion->Prepare(context) || !m_handlers->Install(context)) {
+      throw VornException("Cannot create script context");
+    }
     definitions->Install(context, this);
   }
+  const RunnerOptions& options = m_core->options();
   if (options.startLimit.count() > 0 || options.callbackLimit.count() > 0) {
     Watchdog::Get().Watch(&m_environment->GetRunGuard());
   }
 }
 
-RunnerEnvironment::~RunnerEnvironment() {
+/// The handles go while there is an isolate, and the environment last.
+void RunnerEnvironment::Release() {
   Watchdog::Get().Leave(&m_environment->GetRunGuard());
   m_core->figures().dropped += m_awaited.size();
   {
     const EnvironmentImpl::Entry entry(m_environment.get());
+    m_conversion->Clear();
     m_handlers->Clear();
     m_promises->Clear();
     if (DebugTarget* const target = m_environment->GetDebugTarget()) target->OnThreadEnd();

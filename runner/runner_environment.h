@@ -73,6 +73,9 @@ class RunnerEnvironment final : public EnvironmentObserver {
  private:
   using Done = std::function<void(const Value&, const ScriptError&)>;
 
+  void Prepare(Definitions* definitions);
+  void Release();
+
   void Deliver(Event& event);
   void Call(FunctionCall& call);
   void Evaluate(Evaluation& evaluation);

@@ -23,8 +23,8 @@ namespace {
 /// Beyond, not every integer is a number of the engine's.
 constexpr uint64_t kLargestInteger = uint64_t{1} << 53;
 
-/// From so many members on, an object finds them by their places.
-constexpr size_t kFewMembers = 16;
+/// With more members than this, an object finds them by their places.
+constexpr size_t kFewMembers = 32;
 
 /// Never destroyed: hosts look at values as late as in the destructors of their statics.
 const Value& Undefined() {
@@ -61,24 +61,29 @@ void ObjectPayload::GiveUp(Payload** list) {
 }
 
 Value* ObjectPayload::Find(std::string_view name) {
-  if (places.empty()) {
+  if (members.size() <= kFewMembers) {
     for (auto& [ours, value] : members) {
       if (ours == name) return &value;
     }
     return nullptr;
   }
-  const auto [first, last] = places.equal_range(HashOf(name));
+  Places* known = places;
+  if (known == nullptr) {
+    auto made = std::make_unique<Places>(members.size());
+    for (size_t place = 0; place < members.size(); ++place)
+      made->emplace(HashOf(members[place].first), place);
+    // Another thread may have been faster.
+    if (places.compare_exchange_strong(known, made.get())) known = made.release();
+  }
+  const auto [first, last] = known->equal_range(HashOf(name));
   const auto found =
       std::find_if(first, last, [&](const auto& entry) { return members[entry.second].first == name; });
   return found == last ? nullptr : &members[found->second].second;
 }
 
 void ObjectPayload::Append(std::string name, Value value) {
+  if (Places* const known = places) known->emplace(HashOf(name), members.size());
   members.emplace_back(std::move(name), std::move(value));
-  if (members.size() <= kFewMembers) return;
-  for (size_t place = places.size(); place < members.size(); ++place) {
-    places.emplace(HashOf(members[place].first), place);
-  }
 }
 
 void Value::Retain(Payload* payload) noexcept { ++payload->references; }

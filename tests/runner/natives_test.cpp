@@ -176,20 +176,16 @@ TEST_F(NativesTest, TheyMayEndAnyRunner) {
   auto other = std::make_unique<Runner>(RunnerOptions());
   ASSERT_FALSE(other->StartCode("setInterval(() => {}, 25)", ""));
   runner->Define("endOther()", [&] { other.reset(); });
-  runner->Define("endSelf()", [this] { runner.reset(); });
+  std::atomic<bool> ended{false};
+  runner->Define("endSelf()", [&] {
+    runner.reset();
+    ended = true;
+  });
   Start("");
   Eval("endOther()");
   EXPECT_EQ(other, nullptr);
-  std::promise<void> gone;
-  struct Goes {
-    explicit Goes(std::promise<void>* given) : gone(given) {}
-    ~Goes() { gone->set_value(); }
-    std::promise<void>* gone;
-  };
-  runner->Post([goes = std::make_shared<Goes>(&gone)] {});
-  Eval("0");
   runner->Eval("endSelf()", "", nullptr);
-  ASSERT_TRUE(WaitUntil([this] { return runner == nullptr; }));
+  ASSERT_TRUE(WaitUntil([&] { return ended.load(); }));
 }
 
 TEST_F(NativesTest, TheyAreDestroyedOnTheRunnersThreadBeforeStopReturns) {
