@@ -124,27 +124,22 @@ void RunGuard::Settle() {
   if (IsStopping() || m_isolate->IsExecutionTerminating()) m_isolate->TerminateExecution();
   m_isolate->PerformMicrotaskCheckpoint();
   // What ended it stays known: code that tells what it left behind is to end as well.
-  m_isolate->CancelTerminateExecution();
+  if (IsStopping() || m_isolate->IsExecutionTerminating()) m_isolate->CancelTerminateExecution();
   KeepMicrotasks(false);
 }
 
 void RunGuard::End() {
   if (std::exchange(m_allowedHeap, 0) != 0) m_isolate->RemoveGCEpilogueCallback(OnCollected, this);
-  Forget();
   {
     const Lock lock(this);
     m_running = false;
+    m_reason = kNone;
+    m_deadline = kNever;
+    m_timeLeft = std::chrono::nanoseconds(0);
   }
-  if (m_limitRaised) LowerHeapLimit();
-}
-
-void RunGuard::Forget() {
-  const Lock lock(this);
-  m_reason = kNone;
-  m_deadline = kNever;
-  m_timeLeft = std::chrono::nanoseconds(0);
   m_isolate->CancelTerminateExecution();
   KeepMicrotasks(false);
+  if (m_limitRaised) LowerHeapLimit();
 }
 
 /// The engine runs those of a script that is ended when its outermost call returns.

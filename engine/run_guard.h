@@ -87,7 +87,6 @@ class RunGuard {
   };
 
   void Stop(Reason reason);
-  void Forget();
   void LowerHeapLimit();
   void KeepMicrotasks(bool keep);
   static void OnInterrupt(v8::Isolate* isolate, void*);

@@ -14,15 +14,17 @@ constexpr auto kRelaxed = std::memory_order_relaxed;
 
 }  // namespace
 
-void Figures::Began(Time queued, Time now) {
-  const int64_t delay = std::max<int64_t>(0, duration_cast<microseconds>(now - queued).count());
+void Figures::Began(Time queued) {
+  const int64_t delay = std::max<int64_t>(0, duration_cast<microseconds>(m_now - queued).count());
   const uint64_t count = m_delayCount.load(kRelaxed);
   m_delays[count % kDelays].store(static_cast<uint32_t>(std::min<int64_t>(delay, UINT32_MAX)), kRelaxed);
   m_delayCount.store(count + 1, kRelaxed);
 }
 
-void Figures::Ended(std::chrono::steady_clock::duration time) {
-  const int64_t taken = duration_cast<microseconds>(time).count();
+void Figures::Ended() {
+  const Time now = std::chrono::steady_clock::now();
+  const int64_t taken = duration_cast<microseconds>(now - m_now).count();
+  m_now = now;
   if (taken > m_longest.load(kRelaxed)) m_longest.store(taken, kRelaxed);
 }
 

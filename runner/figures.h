@@ -11,16 +11,19 @@ namespace vnjs {
 
 /// What a runner counts and measures.
 ///
-/// Threads:  Began and Ended on the runner's; everything else on any, without locks.
+/// Threads:  Begin, Began and Ended on the runner's; everything else on any, without locks.
 class Figures {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  /// Something that was queued then has its turn now.
-  void Began(Time queued, Time now);
+  /// What is done begins now.
+  void Begin() { m_now = std::chrono::steady_clock::now(); }
 
-  /// Something took so long.
-  void Ended(std::chrono::steady_clock::duration time);
+  /// Something that was queued then has its turn.
+  void Began(Time queued);
+
+  /// It has ended, and the next thing begins. One look at the clock for both.
+  void Ended();
 
   /// Everything is 0 again.
   void Clear();
@@ -37,6 +40,8 @@ class Figures {
 
  private:
   static constexpr size_t kDelays = 1000;
+
+  Time m_now;
 
   std::atomic<int64_t> m_longest{0};
 

@@ -340,12 +340,7 @@ void RunnerCore::Run() {
   set_thread_name(m_options.name.empty() ? "vorn/runner" : m_options.name.c_str());
   while (WaitForWork()) {
     try {
-      bool isAsked = false;
-      {
-        const Lock lock(m_mutex);
-        isAsked = !m_requests.empty();
-      }
-      if (isAsked) {
+      if (HasRequest()) {
         BeginScript();
       } else {
         DoWork();
@@ -382,6 +377,9 @@ void RunnerCore::BeginScript() {
   std::shared_ptr<Request> request;
   {
     const Lock lock(m_mutex);
+    // It may be Stop that came since.
+    m_hasRequest = m_stopping;
+    if (m_requests.empty()) return;
     request = m_requests.front();
     m_requests.pop_front();
     request->begun = true;
@@ -411,7 +409,9 @@ ScriptError RunnerCore::StartScript() {
     Log(3, error.message, "runner", error);
   } else {
     const RunnerEnvironment::Turn turn(m_environment.get());
+    m_figures.Begin();
     error = m_environment->Start(code, source, m_options.startLimit);
+    m_figures.Ended();
     Publish();
   }
   if (error) {
@@ -455,6 +455,7 @@ ScriptError RunnerCore::MakeEnvironment(std::string* code, std::string* source) 
 void RunnerCore::DoWork() {
   {
     const RunnerEnvironment::Turn turn(m_environment.get());
+    m_figures.Begin();
     while (!HasRequest() && !m_environment->HasEnded()) {
       if (m_callbacksWait.load(std::memory_order_relaxed) && m_callbacksWait.exchange(false)) {
         m_environment->RunCallbacks();
@@ -462,8 +463,9 @@ void RunnerCore::DoWork() {
       }
       Job* const job = NextJob();
       if (job == nullptr) break;
-      m_figures.Began(job->queued, Clock::now());
+      m_figures.Began(job->queued);
       m_environment->Do(*job);
+      m_figures.Ended();
       job->what = Event();
     }
     Publish();

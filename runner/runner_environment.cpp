@@ -20,13 +20,20 @@ using Clock = std::chrono::steady_clock;
 RunnerEnvironment::Turn::Turn(RunnerEnvironment* environment)
     : m_environment(environment), m_entry(environment->m_environment.get()) {
   environment->m_entry = &m_entry;
+  DebugTarget* const target = environment->m_environment->GetDebugTarget();
+  if (target == nullptr) return;
   m_entry.Begin();
-  environment->m_environment->RunEngineTasks();
-  if (DebugTarget* const target = environment->m_environment->GetDebugTarget()) target->Dispatch();
+  target->Dispatch();
   m_entry.Settle();
 }
 
-RunnerEnvironment::Turn::~Turn() { m_environment->m_entry = nullptr; }
+RunnerEnvironment::Turn::~Turn() {
+  // At the end: nobody waits for it.
+  m_entry.Begin();
+  m_environment->m_environment->RunEngineTasks();
+  m_entry.Settle();
+  m_environment->m_entry = nullptr;
+}
 
 RunnerEnvironment::RunnerEnvironment(detail::RunnerCore* core, uint64_t number, Definitions* definitions)
     : m_core(core), m_number(number) {
@@ -82,7 +89,6 @@ template <typename Body>
 ScriptError RunnerEnvironment::RunPart(Milliseconds limit, const What& what, const Body& body) {
   v8::Isolate* const isolate = m_environment->GetIsolate();
   RunGuard& guard = m_environment->GetRunGuard();
-  const Clock::time_point start = Clock::now();
   m_entry->Begin();
   if (limit.count() > 0) guard.Limit(limit);
   // Who waits for the end has interrupted nothing, if this part had not begun.
@@ -124,7 +130,6 @@ ScriptError RunnerEnvironment::RunPart(Milliseconds limit, const What& what, con
   if (!error && guard.IsStopping()) error = Stopped(limit);
   if (error) Report(what, error);
   m_entry->Finish();
-  m_core->figures().Ended(Clock::now() - start);
   return error;
 }
 
@@ -214,10 +219,10 @@ void RunnerEnvironment::Deliver(Event& event) {
   const Milliseconds limit = m_core->options().callbackLimit;
   const What what{"Event", event.name};
   // No part of the script: nothing of it runs here.
-  std::vector<v8::Local<v8::Value>> arguments;
+  Arguments arguments(event.arguments.size());
   try {
     const v8::TryCatch caught(isolate);
-    arguments = MakeArguments(m_environment->GetContext(), event.arguments);
+    MakeArguments(m_environment->GetContext(), event.arguments, &arguments);
   } catch (const PendingException&) {
     return Report(what, {ErrorKind::kHost, "its arguments are too large for the script", {}, {}});
   } catch (const Refusal& refusal) {
@@ -242,23 +247,22 @@ void RunnerEnvironment::Call(FunctionCall& call) {
   RunPart(m_core->options().callbackLimit, {"Call of a function"},
           [&](v8::Local<v8::Context> context, ErrorKind*) {
             const v8::Local<v8::Value> function = call.function->function()->GetValue();
-            std::vector<v8::Local<v8::Value>> arguments = MakeArguments(context, call.arguments);
+            Arguments arguments(call.arguments.size());
+            MakeArguments(context, call.arguments, &arguments);
             return CallFunction(context, function.As<v8::Function>(), arguments);
           });
 }
 
 bool RunnerEnvironment::CallFunction(v8::Local<v8::Context> context, v8::Local<v8::Function> function,
-                                     std::vector<v8::Local<v8::Value>>& arguments) {
+                                     Arguments& arguments) {
   const v8::Local<v8::Value> receiver = v8::Undefined(m_environment->GetIsolate());
   return !function->Call(context, receiver, static_cast<int>(arguments.size()), arguments.data()).IsEmpty();
 }
 
-std::vector<v8::Local<v8::Value>> RunnerEnvironment::MakeArguments(v8::Local<v8::Context> context,
-                                                                   const std::vector<Value>& values) {
-  std::vector<v8::Local<v8::Value>> arguments;
-  arguments.reserve(values.size());
-  for (const Value& value : values) arguments.push_back(m_conversion->ToScript(context, value));
-  return arguments;
+void RunnerEnvironment::MakeArguments(v8::Local<v8::Context> context, const std::vector<Value>& values,
+                                      Arguments* arguments) {
+  v8::Local<v8::Value>* place = arguments->data();
+  for (const Value& value : values) *place++ = m_conversion->ToScript(context, value);
 }
 
 void RunnerEnvironment::Evaluate(Evaluation& evaluation) {
@@ -359,6 +363,7 @@ void RunnerEnvironment::RunCallbacks() {
               return true;
             });
     callback = nullptr;
+    m_core->figures().Ended();
   }
 }
 
@@ -373,7 +378,7 @@ void RunnerEnvironment::CallStopHandlers(Clock::time_point end) {
   for (const v8::Global<v8::Function>& handler : handlers) {
     const auto left = std::chrono::duration_cast<Milliseconds>(end - Clock::now());
     RunPart(std::max(left, Milliseconds(1)), {"onStop"}, [&](v8::Local<v8::Context> context, ErrorKind*) {
-      std::vector<v8::Local<v8::Value>> none;
+      Arguments none(0);
       return CallFunction(context, handler.Get(m_environment->GetIsolate()), none);
     });
   }

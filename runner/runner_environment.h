@@ -94,10 +94,22 @@ class RunnerEnvironment final : public EnvironmentObserver {
   void Report(const What& what, const ScriptError& error);
   void LogFailure(const std::string& text, const ScriptError& error);
 
-  bool CallFunction(v8::Local<v8::Context> context, v8::Local<v8::Function> function,
-                    std::vector<v8::Local<v8::Value>>& arguments);
-  std::vector<v8::Local<v8::Value>> MakeArguments(v8::Local<v8::Context> context,
-                                                  const std::vector<Value>& values);
+  /// What a function of the script is called with. A few have their place here.
+  class Arguments {
+   public:
+    explicit Arguments(size_t size) : m_size(size), m_many(size > kFew ? size : 0) {}
+    v8::Local<v8::Value>* data() { return m_many.empty() ? m_few : m_many.data(); }
+    size_t size() const { return m_size; }
+
+   private:
+    static constexpr size_t kFew = 8;
+    const size_t m_size;
+    v8::Local<v8::Value> m_few[kFew];
+    std::vector<v8::Local<v8::Value>> m_many;
+  };
+
+  bool CallFunction(v8::Local<v8::Context> context, v8::Local<v8::Function> function, Arguments& arguments);
+  void MakeArguments(v8::Local<v8::Context> context, const std::vector<Value>& values, Arguments* arguments);
   v8::MaybeLocal<v8::Value> CompileAndRun(v8::Local<v8::Context> context, const std::string& code,
                                           const std::string& source, bool* compiled);
   bool Await(v8::Local<v8::Context> context, v8::Local<v8::Promise> promise, Done done);
