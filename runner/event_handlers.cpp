@@ -74,11 +74,12 @@ std::shared_ptr<const EventHandlers::List> EventHandlers::Find(const std::string
   const auto found = m_handlers.find(event);
   if (found == m_handlers.end()) return nullptr;
   std::shared_ptr<const List> list = found->second;
-  const auto isOnce = [](const std::shared_ptr<Handler>& handler) { return !handler->once.IsEmpty(); };
-  if (std::any_of(list->begin(), list->end(), isOnce)) {
+  if (list->hasOnce) {
+    const auto isOnce = [](const std::shared_ptr<Handler>& handler) { return !handler->once.IsEmpty(); };
     auto rest = std::make_shared<List>();
-    std::remove_copy_if(list->begin(), list->end(), std::back_inserter(*rest), isOnce);
-    if (rest->empty()) {
+    std::remove_copy_if(list->handlers.begin(), list->handlers.end(), std::back_inserter(rest->handlers),
+                        isOnce);
+    if (rest->handlers.empty()) {
       m_handlers.erase(found);
     } else {
       found->second = std::move(rest);
@@ -107,7 +108,8 @@ std::string EventHandlers::ReadEvent(const Info& info, const char* function) con
 void EventHandlers::Add(const std::string& event, std::shared_ptr<Handler> handler) {
   std::shared_ptr<const List>& list = m_handlers[event];
   auto longer = list == nullptr ? std::make_shared<List>() : std::make_shared<List>(*list);
-  longer->push_back(std::move(handler));
+  longer->hasOnce |= !handler->once.IsEmpty();
+  longer->handlers.push_back(std::move(handler));
   list = std::move(longer);
 }
 
@@ -115,14 +117,14 @@ void EventHandlers::Add(const std::string& event, std::shared_ptr<Handler> handl
 void EventHandlers::Remove(const std::string& event, v8::Local<v8::Value> function) {
   const auto found = m_handlers.find(event);
   if (found == m_handlers.end()) return;
-  const List& list = *found->second;
-  const auto last = std::find_if(list.rbegin(), list.rend(),
+  const auto& handlers = found->second->handlers;
+  const auto last = std::find_if(handlers.rbegin(), handlers.rend(),
                                  [&](const auto& handler) { return handler->function == function; });
-  if (last == list.rend()) return;
+  if (last == handlers.rend()) return;
   (*last)->removed = true;
-  auto shorter = std::make_shared<List>(list);
-  shorter->erase(shorter->begin() + (list.rend() - last - 1));
-  if (shorter->empty()) {
+  auto shorter = std::make_shared<List>(*found->second);
+  shorter->handlers.erase(shorter->handlers.begin() + (handlers.rend() - last - 1));
+  if (shorter->handlers.empty()) {
     m_handlers.erase(found);
   } else {
     found->second = std::move(shorter);

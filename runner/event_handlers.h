@@ -25,7 +25,10 @@ class EventHandlers {
     bool removed = false;
   };
   /// Never changed: who goes round keeps the list of its beginning.
-  using List = std::vector<std::shared_ptr<Handler>>;
+  struct List {
+    std::vector<std::shared_ptr<Handler>> handlers;
+    bool hasOnce = false;
+  };
 
   explicit EventHandlers(const Conversion& conversion) : m_conversion(conversion) {}
 

@@ -25,6 +25,11 @@ class Figures {
   /// It has ended, and the next thing begins. One look at the clock for both.
   void Ended();
 
+  /// By the runner's thread, which is the only one that counts them.
+  void CountCallback() {
+    callbacks.store(callbacks.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+
   /// Everything is 0 again.
   void Clear();
 

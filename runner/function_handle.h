@@ -3,10 +3,10 @@
 #include <vnjs/callback.h>
 #include <vnjs/script_value.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <utility>
-#include <vector>
 
 namespace vnjs {
 
@@ -26,8 +26,8 @@ class FunctionHandle : public std::enable_shared_from_this<FunctionHandle> {
                  VRefCountedPointer<SafeValue> function)
       : m_core(std::move(core)), m_environment(environment), m_function(std::move(function)) {}
 
-  /// Queues a call. False when none can come.
-  bool Post(std::vector<Value> arguments);
+  /// Queues a call, and takes the arguments over. False when none can come.
+  bool Post(Value* arguments, size_t count);
 
   uint64_t environment() const { return m_environment; }
   SafeValue* function() const { return m_function.get_ptr(); }

@@ -3,9 +3,12 @@
 #include <vnjs/script_error.h>
 #include <vnjs/script_value.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <variant>
@@ -17,16 +20,41 @@ namespace vnjs {
 
 class FunctionHandle;
 
+/// What an event or a function is given: a few without memory of their own.
+class JobArguments {
+ public:
+  JobArguments() = default;
+
+  /// Takes the values over.
+  JobArguments(Value* values, size_t count) : m_size(count) {
+    if (count > kFew) {
+      m_many.assign(std::make_move_iterator(values), std::make_move_iterator(values + count));
+    } else {
+      std::move(values, values + count, m_few.begin());
+    }
+  }
+
+  const Value* begin() const { return m_size > kFew ? m_many.data() : m_few.data(); }
+  const Value* end() const { return begin() + m_size; }
+  size_t size() const { return m_size; }
+
+ private:
+  static constexpr size_t kFew = 2;
+  size_t m_size = 0;
+  std::array<Value, kFew> m_few;
+  std::vector<Value> m_many;
+};
+
 /// An event for the script's handlers.
 struct Event {
   std::string name;
-  std::vector<Value> arguments;
+  JobArguments arguments;
 };
 
 /// A call of a function that the script has given away.
 struct FunctionCall {
   std::shared_ptr<FunctionHandle> function;
-  std::vector<Value> arguments;
+  JobArguments arguments;
 };
 
 /// Code of the host's, and who wants its value.
@@ -50,7 +78,7 @@ struct Settlement {
 
 /// Something that waits for the runner's thread.
 struct Job {
-  std::variant<Event, FunctionCall, Evaluation, Work, Settlement> what;
+  std::variant<std::monostate, Event, FunctionCall, Evaluation, Work, Settlement> what;
   std::chrono::steady_clock::time_point queued;
 };
 

@@ -32,8 +32,7 @@ ScriptError Runner::StartCode(const char* code, const char* source) {
 }
 
 bool Runner::EmitValues(const std::string& event, Value* arguments, size_t count) {
-  return m_core->Push(
-      {Event{event, {std::make_move_iterator(arguments), std::make_move_iterator(arguments + count)}}, {}});
+  return m_core->Push({Event{event, {arguments, count}}, {}});
 }
 
 bool Runner::Eval(std::string code, std::string source,

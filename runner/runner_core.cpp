@@ -362,8 +362,9 @@ bool RunnerCore::WaitForWork() {
   };
   if (!hasWork()) {
     if (m_queue.capacity() > kKeptJobs) std::vector<Job>().swap(m_queue);
-    if (m_batch.capacity() > kKeptJobs) std::vector<Job>().swap(m_batch);
+    m_batch.clear();
     m_nextInBatch = 0;
+    if (m_batch.capacity() > kKeptJobs) std::vector<Job>().swap(m_batch);
     do {
       m_sleeps = true;
       m_wake.wait(lock);
@@ -466,7 +467,7 @@ void RunnerCore::DoWork() {
       m_figures.Began(job->queued);
       m_environment->Do(*job);
       m_figures.Ended();
-      job->what = Event();
+      job->what = std::monostate();
     }
     Publish();
   }
@@ -586,9 +587,9 @@ void RunnerCore::Finish() {
 
 }  // namespace detail
 
-bool FunctionHandle::Post(std::vector<Value> arguments) {
+bool FunctionHandle::Post(Value* arguments, size_t count) {
   const std::shared_ptr<detail::RunnerCore> core = m_core.lock();
-  return core != nullptr && core->PushCall(m_environment, {shared_from_this(), std::move(arguments)});
+  return core != nullptr && core->PushCall(m_environment, {shared_from_this(), {arguments, count}});
 }
 
 }  // namespace vnjs

@@ -197,7 +197,6 @@ ScriptError RunnerEnvironment::Start(const std::string& code, const std::string&
 }
 
 void RunnerEnvironment::Do(Job& job) {
-  const v8::HandleScope scope(m_environment->GetIsolate());
   if (auto* const event = std::get_if<Event>(&job.what)) {
     Deliver(*event);
   } else if (auto* const call = std::get_if<FunctionCall>(&job.what)) {
@@ -212,29 +211,25 @@ void RunnerEnvironment::Do(Job& job) {
 }
 
 void RunnerEnvironment::Deliver(Event& event) {
-  ++m_core->figures().callbacks;
+  m_core->figures().CountCallback();
   const std::shared_ptr<const EventHandlers::List> list = m_handlers->Find(event.name);
   if (list == nullptr) return;
   v8::Isolate* const isolate = m_environment->GetIsolate();
-  const Milliseconds limit = m_core->options().callbackLimit;
-  const What what{"Event", event.name};
-  // No part of the script: nothing of it runs here.
-  Arguments arguments(event.arguments.size());
-  try {
-    const v8::TryCatch caught(isolate);
-    MakeArguments(m_environment->GetContext(), event.arguments, &arguments);
-  } catch (const PendingException&) {
-    return Report(what, {ErrorKind::kHost, "its arguments are too large for the script", {}, {}});
-  } catch (const Refusal& refusal) {
-    return Report(what, {ErrorKind::kHost, refusal.Text(), {}, {}});
-  }
-  for (const auto& handler : *list) {
+  for (const auto& handler : list->handlers) {
     if (handler->removed || HasEnded() || m_core->IsCutShort()) continue;
-    RunPart(limit, what, [&](v8::Local<v8::Context> context, ErrorKind*) {
-      if (handler->once.IsEmpty()) return CallFunction(context, handler->function.Get(isolate), arguments);
-      const v8::Local<v8::Array> all = v8::Array::New(isolate, arguments.data(), arguments.size());
-      return !handler->once.Get(isolate)->Resolve(context, all).IsNothing();
-    });
+    const ScriptError error = RunPart(
+        m_core->options().callbackLimit, {"Event", event.name},
+        [&](v8::Local<v8::Context> context, ErrorKind*) {
+          // Each handler has its own: what one changes the others do not see.
+          Arguments arguments(event.arguments.size());
+          MakeArguments(context, event.arguments, &arguments);
+          if (handler->once.IsEmpty())
+            return CallFunction(context, handler->function.Get(isolate), arguments);
+          const v8::Local<v8::Array> all = v8::Array::New(isolate, arguments.data(), arguments.size());
+          return !handler->once.Get(isolate)->Resolve(context, all).IsNothing();
+        });
+    // No handler can be given what the first could not.
+    if (error.kind == ErrorKind::kHost) return;
   }
 }
 
@@ -243,7 +238,7 @@ void RunnerEnvironment::Call(FunctionCall& call) {
     ++m_core->figures().dropped;
     return;
   }
-  ++m_core->figures().callbacks;
+  m_core->figures().CountCallback();
   RunPart(m_core->options().callbackLimit, {"Call of a function"},
           [&](v8::Local<v8::Context> context, ErrorKind*) {
             const v8::Local<v8::Value> function = call.function->function()->GetValue();
@@ -259,7 +254,7 @@ bool RunnerEnvironment::CallFunction(v8::Local<v8::Context> context, v8::Local<v
   return !function->Call(context, receiver, static_cast<int>(arguments.size()), arguments.data()).IsEmpty();
 }
 
-void RunnerEnvironment::MakeArguments(v8::Local<v8::Context> context, const std::vector<Value>& values,
+void RunnerEnvironment::MakeArguments(v8::Local<v8::Context> context, const JobArguments& values,
                                       Arguments* arguments) {
   v8::Local<v8::Value>* place = arguments->data();
   for (const Value& value : values) *place++ = m_conversion->ToScript(context, value);
@@ -356,7 +351,7 @@ void RunnerEnvironment::RunCallbacks() {
       ++m_core->figures().dropped;
       continue;
     }
-    ++m_core->figures().callbacks;
+    m_core->figures().CountCallback();
     RunPart(m_core->options().callbackLimit, {"Callback execution error"},
             [&](v8::Local<v8::Context>, ErrorKind*) {
               callback->Call();

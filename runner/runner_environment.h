@@ -109,7 +109,7 @@ class RunnerEnvironment final : public EnvironmentObserver {
   };
 
   bool CallFunction(v8::Local<v8::Context> context, v8::Local<v8::Function> function, Arguments& arguments);
-  void MakeArguments(v8::Local<v8::Context> context, const std::vector<Value>& values, Arguments* arguments);
+  void MakeArguments(v8::Local<v8::Context> context, const JobArguments& values, Arguments* arguments);
   v8::MaybeLocal<v8::Value> CompileAndRun(v8::Local<v8::Context> context, const std::string& code,
                                           const std::string& source, bool* compiled);
   bool Await(v8::Local<v8::Context> context, v8::Local<v8::Promise> promise, Done done);

@@ -199,8 +199,7 @@ std::string Value::Get(const char* otherwise) const {
 
 bool Value::PostCall(Value* arguments, size_t count) const {
   if (m_type != Type::kFunction) return false;
-  return ValueAccess::Get<FunctionPayload>(*this).handle->Post(
-      {std::make_move_iterator(arguments), std::make_move_iterator(arguments + count)});
+  return ValueAccess::Get<FunctionPayload>(*this).handle->Post(arguments, count);
 }
 
 const char* DescribeType(Value::Type type) {
