@@ -39,6 +39,7 @@ class MemoryBudget {
   void Give(size_t bytes) { m_used -= bytes; }
 
   size_t limit() const { return m_limit; }
+  size_t used() const { return m_used; }
 
  private:
   const size_t m_limit;

@@ -8,6 +8,8 @@ install(DIRECTORY include/vnjs DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT
 install(TARGETS vnjs EXPORT vnjs
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS vnjs_host EXPORT vnjs
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 
 install(EXPORT vnjs NAMESPACE vnjs:: FILE vnjsTargets.cmake DESTINATION ${package_dir} COMPONENT development)
 configure_package_config_file(cmake/vnjsConfig.cmake.in ${PROJECT_BINARY_DIR}/vnjsConfig.cmake
@@ -23,4 +25,5 @@ file(RELATIVE_PATH pkgconfig_to_prefix /${pkgconfig_dir} /)
 # Where the engine's headers are for those who install, not on the machine that builds.
 string(REPLACE "${CMAKE_SYSROOT}" "" engine_headers ${V8_INCLUDE_DIR})
 configure_file(cmake/vnjs.pc.in ${PROJECT_BINARY_DIR}/vnjs.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/vnjs.pc DESTINATION ${pkgconfig_dir} COMPONENT development)
+configure_file(cmake/vnjs-host.pc.in ${PROJECT_BINARY_DIR}/vnjs-host.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vnjs.pc ${PROJECT_BINARY_DIR}/vnjs-host.pc DESTINATION ${pkgconfig_dir} COMPONENT development)

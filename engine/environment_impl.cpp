@@ -35,8 +35,14 @@ size_t DefaultLimit() {
 std::atomic<size_t> heapLimit{0};
 std::atomic<size_t> bufferLimit{0};
 
-size_t HeapLimit() { return heapLimit != 0 ? heapLimit.load() : DefaultLimit(); }
-size_t BufferLimit() { return heapLimit != 0 ? bufferLimit.load() : DefaultLimit(); }
+size_t DefaultHeapLimit() { return heapLimit != 0 ? heapLimit.load() : DefaultLimit(); }
+size_t DefaultBufferLimit() { return heapLimit != 0 ? bufferLimit.load() : DefaultLimit(); }
+
+size_t HeapLimit(size_t heapBytes) {
+  if (heapBytes < kSmallestHeap) throw VornException(GetVornError(-1));
+  // The engine ends the process when its code does not begin and end with a page.
+  return std::min(heapBytes, SIZE_MAX / 4) & ~(kHeapStep - 1);
+}
 
 /// The isolate that the process was given for debugging, and the budget that its buffers count against.
 v8::Isolate* providedIsolate = nullptr;
@@ -52,15 +58,15 @@ void LogEnd(const char* place, Details) {
   v8::Isolate* const isolate = v8::Isolate::TryGetCurrent();
   Environment* const environment = isolate == nullptr ? nullptr : GetEnvironment(isolate);
   if (environment == nullptr) return;
-  // Not to debuggers: that would ask the engine for more.
-  environment->Environment::Log(
-      4, std::string("The engine ends the process, out of memory or of stack in ") + place, nullptr);
+  static_cast<EnvironmentImpl*>(environment)
+      ->LogToHost(4, std::string("The engine ends the process, out of memory or of stack in ") + place,
+                  nullptr);
 }
 
-v8::Isolate* NewIsolate(const std::shared_ptr<MemoryBudget>& budget) {
+v8::Isolate* NewIsolate(const std::shared_ptr<MemoryBudget>& budget, size_t heapBytes) {
   v8::Isolate::CreateParams params;
   params.array_buffer_allocator_shared = std::make_shared<LimitedAllocator>(budget);
-  params.constraints.ConfigureDefaultsFromHeapSize(0, HeapLimit());
+  params.constraints.ConfigureDefaultsFromHeapSize(0, heapBytes);
   v8::Isolate* const isolate = v8::Isolate::New(params);
   isolate->SetOOMErrorHandler(LogEnd);
   return isolate;
@@ -75,11 +81,12 @@ struct DisposeIsolate {
 
 }  // namespace
 
-EnvironmentImpl::EnvironmentImpl(const char* storageDir, bool useCurrentIsolate)
-    : m_storageDir(storageDir == nullptr ? "" : storageDir) {
+EnvironmentImpl::EnvironmentImpl(const char* storageDir, bool useCurrentIsolate,
+                                 const EnvironmentSettings& settings)
+    : m_storageDir(storageDir == nullptr ? "" : storageDir), m_observer(settings.observer) {
   if (m_storageDir.empty() || m_storageDir.back() != '/') m_storageDir += '/';
   StartEngine();
-  CreateIsolate(useCurrentIsolate);
+  CreateIsolate(useCurrentIsolate, settings);
   bool created = false;
   try {
     created = CreateContext();
@@ -92,14 +99,16 @@ EnvironmentImpl::EnvironmentImpl(const char* storageDir, bool useCurrentIsolate)
   throw VornException("Cannot create script context");
 }
 
-void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate) {
+void EnvironmentImpl::CreateIsolate(bool useCurrentIsolate, const EnvironmentSettings& settings) {
   v8::Isolate* const current = useCurrentIsolate ? v8::Isolate::TryGetCurrent() : nullptr;
   // An isolate has room for one environment.
   m_useCurrentIsolate = current != nullptr && GetEnvironment(current) == nullptr;
-  m_memory = std::make_shared<MemoryBudget>(BufferLimit());
+  m_memory =
+      std::make_shared<MemoryBudget>(settings.bufferBytes == 0 ? DefaultBufferLimit() : settings.bufferBytes);
   std::unique_ptr<v8::Isolate, DisposeIsolate> made;
   if (!m_useCurrentIsolate) {
-    made.reset(NewIsolate(m_memory));
+    made.reset(
+        NewIsolate(m_memory, settings.heapBytes == 0 ? DefaultHeapLimit() : HeapLimit(settings.heapBytes)));
     m_isolate = made.get();
   } else {
     m_isolate = current;
@@ -143,16 +152,15 @@ void EnvironmentImpl::StartDebugTarget() {
 void EnvironmentImpl::ProvideCurrentIsolate() {
   StartEngine();
   if (v8::Isolate::TryGetCurrent() != nullptr) return;
-  ProvidedBudget() = std::make_shared<MemoryBudget>(BufferLimit());
-  providedIsolate = NewIsolate(ProvidedBudget());
+  ProvidedBudget() = std::make_shared<MemoryBudget>(DefaultBufferLimit());
+  providedIsolate = NewIsolate(ProvidedBudget(), DefaultHeapLimit());
   providedIsolate->Enter();
 }
 
 void EnvironmentImpl::SetLimits(size_t heapBytes, size_t bufferBytes) {
-  if (heapBytes < kSmallestHeap) throw VornException(GetVornError(-1));
-  // The engine ends the process when its code does not begin and end with a page.
+  const size_t heapRounded = HeapLimit(heapBytes);
   bufferLimit = bufferBytes;
-  heapLimit = std::min(heapBytes, SIZE_MAX / 4) & ~(kHeapStep - 1);
+  heapLimit = heapRounded;
 }
 
 void EnvironmentImpl::Interrupt() {
@@ -260,6 +268,8 @@ void EnvironmentImpl::DispatchDebugMessages() {
 }
 
 void EnvironmentImpl::ProcessDebugMessages() {
+  // The observer's thread is the one that natives are called on.
+  if (m_observer != nullptr) return m_observer->OnDebuggerMail();
   const Caller caller(this);
   Entry entry(this);
   entry.Begin();
@@ -283,8 +293,16 @@ bool EnvironmentImpl::WaitForDebugger(std::chrono::milliseconds time) {
   });
 }
 
+void EnvironmentImpl::LogToHost(int level, const std::string& message, const char* module) {
+  if (m_observer != nullptr) {
+    m_observer->OnLog(level, message, module);
+  } else {
+    Environment::Log(level, message, module);
+  }
+}
+
 void EnvironmentImpl::Log(int level, const std::string& message, const char* module) {
-  Environment::Log(level, message, module);
+  LogToHost(level, message, module);
   if (m_debugTarget != nullptr) m_debugTarget->Log(level, message);
 }
 

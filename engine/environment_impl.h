@@ -19,6 +19,7 @@
 #include "bridge/script_scope.h"
 #include "engine/debug/debugger.h"
 #include "engine/dropped_handles.h"
+#include "engine/environment_observer.h"
 #include "engine/rejections.h"
 #include "engine/run_guard.h"
 #include "engine/script_store.h"
@@ -45,7 +46,7 @@ class EnvironmentImpl final : public Environment {
  public:
   /// With `useCurrentIsolate` the thread's current isolate is used if there is one that serves no other
   /// environment; it stays the caller's. Throws VornException when no context can be made.
-  EnvironmentImpl(const char* storageDir, bool useCurrentIsolate);
+  EnvironmentImpl(const char* storageDir, bool useCurrentIsolate, const EnvironmentSettings& settings = {});
   ~EnvironmentImpl() override;
 
   RunResult Run(const char* code, const char* source) override;
@@ -80,6 +81,9 @@ class EnvironmentImpl final : public Environment {
 
   void Log(int level, const std::string& message, const char* module) override;
 
+  /// The same, but not to debuggers, for which the engine may have to be asked for more memory.
+  void LogToHost(int level, const std::string& message, const char* module);
+
   /// Gives the calling thread a current isolate for the rest of the process, unless it has one: where the first
   /// environment goes when debugging is on.
   static void ProvideCurrentIsolate();
@@ -108,6 +112,15 @@ class EnvironmentImpl final : public Environment {
   bool HasPendingWork();
   std::vector<std::string> PendingWork();
 
+  /// @{ For an observer that runs what is queued itself. Under the isolate's lock, but for TakeCallbacks.
+  class Entry;
+  std::vector<VRefCountedPointer<CallbackBase>> TakeCallbacks();
+  void RunEngineTasks();
+  ScriptStore& GetScripts() { return m_scripts; }
+  DebugTarget* GetDebugTarget() const { return m_debugTarget.get(); }
+  /// @}
+
+  EnvironmentObserver* GetObserver() const { return m_observer; }
   const std::shared_ptr<EnvironmentLink>& GetLink() const { return m_link; }
   const std::shared_ptr<DroppedHandles>& GetDroppedHandles() const { return m_droppedHandles; }
   Rejections& GetRejections() { return m_rejections; }
@@ -136,10 +149,7 @@ class EnvironmentImpl final : public Environment {
   /// Code that a caller has queued for the worker.
   class Request;
 
-  /// The isolate, entered by this thread, with the number of entries below.
-  class Entry;
-
-  void CreateIsolate(bool useCurrentIsolate);
+  void CreateIsolate(bool useCurrentIsolate, const EnvironmentSettings& settings);
   bool CreateContext();
   void StartDebugTarget();
   void End();
@@ -159,11 +169,11 @@ class EnvironmentImpl final : public Environment {
   bool CallPending(CallbackBase* callback);
   /// The rest of a batch, and what was queued behind it, is never called; a line of the log says how much that is.
   void DropCallbacks();
-  void RunEngineTasks();
   static void OnUncaught(v8::Local<v8::Message> message, v8::Local<v8::Value> error);
   void YieldIsolate();
 
   std::string m_storageDir;
+  EnvironmentObserver* const m_observer;
   bool m_useCurrentIsolate = false;
   bool m_incomplete = false;
   v8::Isolate* m_isolate = nullptr;
@@ -226,6 +236,7 @@ class EnvironmentImpl::Caller {
   std::atomic<int>& m_callers;
 };
 
+/// The isolate, entered by this thread, with the number of entries below.
 class EnvironmentImpl::Entry {
  public:
   explicit Entry(EnvironmentImpl* env) : m_scope(env->m_isolate, env->m_context), m_env(env) {
@@ -247,8 +258,16 @@ class EnvironmentImpl::Entry {
     if (IsOnly()) m_env->m_guard->Begin();
   }
   void Settle() {
+    SettleMicrotasks();
+    Finish();
+  }
+
+  /// @{ The two halves of it. What the guard says of the part is known in between.
+  void SettleMicrotasks() {
+    if (IsOnly()) m_env->m_guard->Settle();
+  }
+  void Finish() {
     if (!IsOnly()) return;
-    m_env->m_guard->Settle();
     try {
       m_env->m_rejections.Report(m_env);
     } catch (const std::exception&) {
@@ -258,6 +277,7 @@ class EnvironmentImpl::Entry {
     m_env->m_droppedHandles->Reset();
     m_env->m_guard->End();
   }
+  /// @}
 
  private:
   /// No script is running below, nor pausing on another thread while this one has its turn.

@@ -9,6 +9,7 @@ namespace vnjs {
 
 /// What stands for an exception when a script was ended.
 constexpr char kInterruptedText[] = "Script execution was interrupted";
+constexpr char kTimeoutText[] = "Script took longer than it may";
 constexpr char kOutOfMemoryText[] = "Script ran out of memory";
 
 /// The same with its place, where one is known.

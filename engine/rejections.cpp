@@ -73,10 +73,16 @@ void Rejections::Report(Environment* environment) {
   v8::Isolate* const isolate = environment->GetIsolate();
   const v8::HandleScope scope(isolate);
   const v8::Local<v8::Context> context = environment->GetContext();
+  EnvironmentObserver* const observer = static_cast<EnvironmentImpl*>(environment)->GetObserver();
   size_t lines = 0;
   for (; lines < entries.size() && lines < kMostLines && !IsInterrupted(environment); ++lines) {
-    environment->Log(
-        3, "Unhandled promise rejection: " + Describe(context, entries[lines].reason.Get(isolate)), nullptr);
+    const v8::Local<v8::Value> reason = entries[lines].reason.Get(isolate);
+    const std::string text = "Unhandled promise rejection: " + Describe(context, reason);
+    if (observer != nullptr) {
+      observer->OnRejection(reason, text);
+    } else {
+      environment->Log(3, text, nullptr);
+    }
   }
   const size_t more = lost + entries.size() - lines;
   if (more > 0) {

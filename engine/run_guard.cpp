@@ -7,6 +7,7 @@
 #include "bridge/native.h"
 #include "engine/environment_impl.h"
 #include "engine/failure.h"
+#include "engine/watchdog.h"
 
 namespace vnjs {
 
@@ -69,30 +70,76 @@ void RunGuard::Begin() {
   if (m_reason != kNone) m_isolate->TerminateExecution();
 }
 
+void RunGuard::Limit(std::chrono::nanoseconds time) {
+  const Time deadline = std::chrono::steady_clock::now() + time;
+  {
+    const Lock lock(this);
+    // Stop may have been asked for already.
+    if (m_deadline <= deadline) return;
+    m_deadline = deadline;
+    m_deadlineReason = kTimeout;
+  }
+  Watchdog::Get().Expect(deadline);
+}
+
+void RunGuard::InterruptAt(Time time) {
+  {
+    const Lock lock(this);
+    if (!m_running || m_deadline <= time) return;
+    m_deadline = time;
+    m_deadlineReason = kInterrupted;
+  }
+  Watchdog::Get().Expect(time);
+}
+
+void RunGuard::HoldTime() {
+  const Lock lock(this);
+  if (m_deadline == kNever) return;
+  m_timeLeft = std::max(std::chrono::nanoseconds(1), m_deadline - std::chrono::steady_clock::now());
+  m_deadline = kNever;
+}
+
+void RunGuard::ReleaseTime() {
+  Time deadline = kNever;
+  {
+    const Lock lock(this);
+    if (m_timeLeft.count() == 0) return;
+    deadline = std::chrono::steady_clock::now() + m_timeLeft;
+    m_timeLeft = std::chrono::nanoseconds(0);
+    m_deadline = std::min(m_deadline, deadline);
+  }
+  Watchdog::Get().Expect(deadline);
+}
+
+RunGuard::Time RunGuard::EndOverdue() {
+  const Lock lock(this);
+  if (m_deadline > std::chrono::steady_clock::now()) return m_deadline;
+  m_deadline = kNever;
+  if (m_running) Stop(m_deadlineReason);
+  return kNever;
+}
+
 void RunGuard::Settle() {
   // The engine drops all microtasks when it ends one.
   if (IsStopping() || m_isolate->IsExecutionTerminating()) m_isolate->TerminateExecution();
   m_isolate->PerformMicrotaskCheckpoint();
   // What ended it stays known: code that tells what it left behind is to end as well.
-  m_isolate->CancelTerminateExecution();
+  if (IsStopping() || m_isolate->IsExecutionTerminating()) m_isolate->CancelTerminateExecution();
   KeepMicrotasks(false);
 }
 
 void RunGuard::End() {
   if (std::exchange(m_allowedHeap, 0) != 0) m_isolate->RemoveGCEpilogueCallback(OnCollected, this);
-  Forget();
   {
     const Lock lock(this);
     m_running = false;
+    m_reason = kNone;
+    m_deadline = kNever;
+    m_timeLeft = std::chrono::nanoseconds(0);
   }
-  if (m_limitRaised) LowerHeapLimit();
-}
-
-void RunGuard::Forget() {
-  const Lock lock(this);
-  m_reason = kNone;
   m_isolate->CancelTerminateExecution();
   KeepMicrotasks(false);
+  if (m_limitRaised) LowerHeapLimit();
 }
 
 /// The engine runs those of a script that is ended when its outermost call returns.
@@ -155,7 +202,10 @@ void RunGuard::EndNow(v8::Local<v8::Context> context) {
 RunResult RunGuard::Stopped() {
   const Lock lock(this);
   if (m_reason == kNone) m_reason = kInterrupted;
-  return {m_reason == kOutOfMemory ? kOutOfMemoryText : kInterruptedText, true, m_place};
+  const char* const text = m_reason == kOutOfMemory ? kOutOfMemoryText
+                           : m_reason == kTimeout   ? kTimeoutText
+                                                    : kInterruptedText;
+  return {text, true, m_place};
 }
 
 /// Under the lock. Not the engine's own termination at once, because afterwards nobody can tell where it was.

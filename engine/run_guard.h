@@ -4,6 +4,7 @@
 #include <vnjs/result.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
 
@@ -14,7 +15,7 @@ namespace vnjs {
 /// What it ends is always the part that runs now: the outermost script or callback with all that it has called, its
 /// microtasks included. A part that ended by itself in the meantime takes the wish with it.
 ///
-/// Threads:  Interrupt and Close from any thread; everything else under the isolate's lock.
+/// Threads:  Interrupt, InterruptAt and Close from any thread; everything else under the isolate's lock.
 class RunGuard {
  public:
   /// Watches the isolate's heap until Detach.
@@ -27,6 +28,17 @@ class RunGuard {
   /// A part begins. Nothing that was asked for before is meant for it.
   void Begin();
 
+  /// Gives the part that has begun so long; a watchdog has to know this guard.
+  void Limit(std::chrono::nanoseconds time);
+
+  /// @{ While a debugger has the part paused, its time stands still.
+  void HoldTime();
+  void ReleaseTime();
+  /// @}
+
+  /// For the watchdog: ends the part if its time is over. Returns when it will be, or the end of all times.
+  std::chrono::steady_clock::time_point EndOverdue();
+
   /// The part is over but for what it has left behind: drops its microtasks if it was ended, runs them if not.
   void Settle();
 
@@ -35,6 +47,9 @@ class RunGuard {
 
   /// Ends the part that runs now, if there is one.
   void Interrupt();
+
+  /// The same, if it still runs then; a watchdog has to know this guard.
+  void InterruptAt(std::chrono::steady_clock::time_point time);
 
   /// Only code that a debugger's client ran within the part may have ended: if the part is to end, it still is.
   void StopAgain();
@@ -46,11 +61,15 @@ class RunGuard {
   /// The host asks for something new.
   void Resume();
 
+  enum Reason { kNone, kInterrupted, kOutOfMemory, kTimeout };
+
   bool IsStopping() const { return m_reason != kNone; }
 
   /// Parts have filled the heap twice, and what they left takes more than twice its limit: those that follow get
   /// little memory, enough to let go of something. Any thread.
   bool IsFull() const { return m_hopeless; }
+  /// Why the part is to end. Known until End.
+  Reason reason() const { return m_reason; }
 
   /// Ends the script that has called the native which calls this, as soon as the native returns.
   void EndNow(v8::Local<v8::Context> context);
@@ -59,7 +78,8 @@ class RunGuard {
   RunResult Stopped();
 
  private:
-  enum Reason { kNone, kInterrupted, kOutOfMemory };
+  using Time = std::chrono::steady_clock::time_point;
+  static constexpr Time kNever = Time::max();
 
   /// Requests come from other threads.
   struct Lock : std::lock_guard<std::mutex> {
@@ -67,7 +87,6 @@ class RunGuard {
   };
 
   void Stop(Reason reason);
-  void Forget();
   void LowerHeapLimit();
   void KeepMicrotasks(bool keep);
   static void OnInterrupt(v8::Isolate* isolate, void*);
@@ -101,6 +120,9 @@ class RunGuard {
   bool m_running = false;
   bool m_interrupted = false;
   bool m_closed = false;
+  Time m_deadline = kNever;
+  Reason m_deadlineReason = kTimeout;
+  std::chrono::nanoseconds m_timeLeft{0};
 };
 
 }  // namespace vnjs

@@ -124,8 +124,18 @@ void EnvironmentImpl::NotifyIdle() {
 
 void EnvironmentImpl::PushCallback(VRefCountedPointer<CallbackBase> callback) {
   if (m_terminating || callback.is_empty()) return;
+  {
+    const CallbackLock callbackLock(this);
+    m_callbacks.push_back(std::move(callback));
+  }
+  if (m_observer != nullptr) m_observer->OnCallbackQueued();
+}
+
+std::vector<VRefCountedPointer<CallbackBase>> EnvironmentImpl::TakeCallbacks() {
+  std::vector<VRefCountedPointer<CallbackBase>> callbacks;
   const CallbackLock callbackLock(this);
-  m_callbacks.push_back(std::move(callback));
+  if (!m_terminating) callbacks.swap(m_callbacks);
+  return callbacks;
 }
 
 bool EnvironmentImpl::ProcessPendingCallbacks() {

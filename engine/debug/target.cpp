@@ -219,7 +219,7 @@ void* InspectedTarget::ThreadFunc(void* target) {
     // The thread that runs the scripts goes first: a profile is one of the thread that started it.
     std::this_thread::sleep_for(kPatience);
     if (!self->m_mailbox->Wait(std::chrono::milliseconds(0))) continue;
-    hasEntered = true;
+    hasEntered = self->m_env->GetObserver() == nullptr;
     self->m_env->ProcessDebugMessages();
   }
   // A host may hold the isolate's Locker where it destroys the environment.
@@ -326,12 +326,14 @@ bool InspectedTarget::WaitForClient(std::chrono::milliseconds time, const std::f
 
 void InspectedTarget::runMessageLoopOnPause(int) {
   m_paused = true;
+  m_env->GetRunGuard().HoldTime();
   while (m_paused && !m_env->GetRunGuard().IsStopping() && m_mailbox->WaitWhilePaused()) {
     DebugMessage message;
     while (m_paused && !m_env->GetRunGuard().IsStopping() && m_mailbox->Take(&message))
       Handle(std::move(message));
   }
   m_paused = false;
+  m_env->GetRunGuard().ReleaseTime();
 }
 
 void InspectedTarget::quitMessageLoopOnPause() { m_paused = false; }

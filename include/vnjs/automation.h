@@ -1,6 +1,5 @@
 #pragma once
 
-#include <vnjs/environment.h>
 #include <vnjs/export.h>
 #include <vnjs/result.h>
 
@@ -8,7 +7,11 @@
 #include <string>
 #include <vector>
 
+struct _VNLog;
+
 namespace vnjs {
+
+class Environment;
 
 /// What a host uses: one script environment.
 ///

@@ -1,6 +1,6 @@
 #pragma once
 
-/// The whole library interface.
+/// The library interface that shows the engine, and takes the engine's headers. <vnjs/runner.h> is the one without.
 
 #include <vnjs/array_buffer_allocator.h>
 #include <vnjs/automation.h>

@@ -34,10 +34,16 @@ pkgconfig() { PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name vnjs.pc)") pkg-c
 read -ra flags <<<"$(pkgconfig --cflags vnjs)"
 for header in "$prefix"/include/vnjs/*.h; do
   name=vnjs/$(basename "$header")
-  grep -q "<$name>" "$prefix/include/vnjs/vnjs.h" || [[ $name =~ /(vnjs|export).h$ ]] || fail "vnjs.h lacks $name"
+  cat "$prefix"/include/vnjs/{vnjs,runner}.h | grep -q "<$name>" || [[ $name =~ /(vnjs|runner|export).h$ ]] ||
+    fail "vnjs.h and runner.h lack $name"
   "$compiler" -std=c++17 "${other[@]}" -Wall -Wextra -Werror -fsyntax-only "${flags[@]}" -include "$name" -x c++ /dev/null
 done
 "$compiler" "${other[@]}" -Werror -fsyntax-only "${flags[@]}" -include vnjs/host.h -x c /dev/null
+
+# Without a header of the engine.
+for name in vnjs/runner.h vnjs/automation.h; do
+  "$compiler" -std=c++17 "${other[@]}" -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I"$prefix/include" -include "$name" -x c++ /dev/null
+done
 
 read -ra flags <<<"$(pkgconfig --cflags --libs vnjs)"
 "$compiler" -std=c++17 -fvisibility=hidden "${other[@]}" -x c++ "$example/main.cc" "$example/host_functions.cc" -x none -o "$work/pkg-config" "${flags[@]}"
@@ -54,10 +60,11 @@ said=$(LD_LIBRARY_PATH=$(dirname "$library") "${run[@]}" "$work/cmake/extension"
 lamps=$(printf 'The lamp in the %s is %s.\n' garage on hall on hall off hall on)
 [[ $said == "$lamps" ]] || fail "the example of an extension says: $said"
 
-# What leaves the library; "size_t" is what it is on each machine, and types go with their vtables. A name that goes, or says something else, takes a new
+# What leaves the library; "size_t" is what it is on each machine, "long" has 64 bits, and types go with their vtables. A name that goes, or says something else, takes a new
 # major version.
 readelf -d "$library" | grep -q 'Library soname: \[libvnjs\.so\.1\]' || fail "wrong soname"
-"${tool}nm" -DC --defined-only "$library" | cut -d' ' -f3- | grep -v '^typeinfo' | sed -E 's/unsigned (long|int)\>/size_t/g' |
+"${tool}nm" -DC --defined-only "$library" | cut -d' ' -f3- | grep -v '^typeinfo' |
+  sed -E 's/unsigned (long long|long|int)\>/size_t/g; s/\<long long\>/long/g; s/([0-9])ll\>/\1l/g' |
   LC_ALL=C sort -u | diff "$here/exported.txt" - || fail "other names are exported (>) than exported.txt lists (<)"
 
 "${run[@]}" "$prefix/bin/vnjs" eval '6 * 7' | grep -qx 42 || fail "the installed program does not run"
