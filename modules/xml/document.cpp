@@ -94,10 +94,7 @@ void Xml::New(const Info& info) {
     if (length > limit) throw VornException(kTooLarge);
     RequireMemory(environment, length);
     doc = ParseXml(environment, GetString(info[0]), limit);
-    if (IsInterrupted(environment)) {
-      EndScript(environment);
-      return;
-    }
+    if (IsInterrupted(environment)) return;
   }
   if (doc == nullptr) throw VornException(GetLastXmlError());
   Document* const document = env->Add(std::move(doc), info.This());

@@ -35,10 +35,9 @@ xmlNode* GetReceiver(Xml::XmlEnv* env, v8::Local<v8::Object> receiver) {
 }
 
 bool IsToEnd(v8::Isolate* isolate) {
-  Environment* const environment = GetEnvironment(isolate);
-  const bool result = IsInterrupted(environment);
-  if (result) EndScript(environment);
-  return result;
+  if (!IsInterrupted(GetEnvironment(isolate))) return false;
+  EndIfInterrupted(isolate);
+  return true;
 }
 
 NodeMaker::NodeMaker(Xml::XmlEnv* env, xmlDoc* doc)

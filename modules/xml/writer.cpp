@@ -33,7 +33,7 @@ class Output {
     xmlSaveFormatFileTo(buffer, doc, encoding, 1);
     if (m_failure != nullptr) std::rethrow_exception(m_failure);
     if (!m_isInterrupted) return std::move(m_text);
-    EndScript(m_environment);
+    EndIfInterrupted(m_environment->GetIsolate());
     return std::nullopt;
   }
 

@@ -65,7 +65,7 @@ class Query {
     } catch (const XPathFailure&) {
       return nullptr;
     } catch (const XPathInterrupt&) {
-      EndScript(m_environment);
+      EndIfInterrupted(m_environment->GetIsolate());
       return nullptr;
     }
     return &m_result;
