@@ -90,9 +90,8 @@ class Output {
  private:
   std::optional<std::string> Finish() {
     if (m_failure != nullptr) std::rethrow_exception(m_failure);
-    if (!m_isInterrupted) return std::move(m_text);
-    EndIfInterrupted(m_environment->GetIsolate());
-    return std::nullopt;
+    if (m_isInterrupted) return std::nullopt;
+    return std::move(m_text);
   }
 
   static int Take(void* self, const char* bytes, int length) {
