@@ -89,8 +89,10 @@ void Xml::New(const Info& info) {
     // A tree takes at least what its text took.
     const v8::Local<v8::String> text =
         info[0]->IsString() ? info[0].As<v8::String>() : info[0].As<v8::StringObject>()->ValueOf();
-    const auto length = static_cast<size_t>(text->Utf8Length(info.GetIsolate()));
     const size_t limit = GetMemoryBudget(environment)->limit();
+    // Only what is not much too long is looked at letter by letter.
+    auto length = static_cast<size_t>(text->Length());
+    if (length <= limit) length = static_cast<size_t>(text->Utf8Length(info.GetIsolate()));
     if (length > limit) throw VornException(kTooLarge);
     RequireMemory(environment, length);
     doc = ParseXml(environment, GetString(info[0]), limit);

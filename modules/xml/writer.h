@@ -10,7 +10,7 @@
 namespace vnjs {
 
 /// The document as indented text, in the encoding that it declares; in UTF-8, where that is not a text for scripts. None
-/// when libxml2 cannot write it, or the script is to end, which it then does. Throws VornException for one that does
+/// when libxml2 cannot write it, or the script is to end. Throws VornException for one that does
 /// not fit into the environment's memory. Garbage may be collected.
 std::optional<std::string> WriteXml(Environment* environment, const Tree& tree);
 

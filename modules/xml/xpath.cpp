@@ -65,7 +65,6 @@ class Query {
     } catch (const XPathFailure&) {
       return nullptr;
     } catch (const XPathInterrupt&) {
-      EndIfInterrupted(m_environment->GetIsolate());
       return nullptr;
     }
     return &m_result;

@@ -51,6 +51,9 @@ TEST_F(XmlTest, Documents) {
     [body(parse('<a>\n\n <b/> </a>')), body(parse('<a><![CDATA[x<]]>y<!--z--></a>'))]
         ==> ["<a><b/></a>","<a>x&lt;y<!--z--></a>"]
     // Declared in another encoding, a document still comes out as a text: its own, or in UTF-8.
+    ['US-ASCII', 'EUC-JP'].map(name => { const d = parse(`<?xml version="1.0" encoding="${name}"?><r k=""/>`);
+      d.root.attributes.k = 'ä\u0dd3'; return d.toString().slice(20, -1).replace('\n', ''); })
+        ==> ["encoding=\"US-ASCII\"?><r k=\"&#228;&#3539;\"/>","encoding=\"UTF-8\"?><r k=\"äී\"/>"]
     var us = parse('<?xml version="1.0" encoding="US-ASCII"?><r/>'); us.root.insertChild({name: 'ä'});
     root(us.toString()).children[0].name          ==> "ä"
 
