@@ -52,7 +52,8 @@ std::string NumberText(double number) {
   const char* const mark = static_cast<const char*>(memchr(text, 'e', static_cast<size_t>(end.ptr - text)));
   std::string digits(text, static_cast<size_t>(mark - text));
   if (digits.size() > 1) digits.erase(1, 1);
-  const int exponent = static_cast<int>(strtol(mark + 1, nullptr, 10));
+  int exponent = 0;
+  std::from_chars(mark[1] == '+' ? mark + 2 : mark + 1, end.ptr, exponent);
   return (number < 0 ? "-" : "") + LayOut(digits, exponent);
 }
 

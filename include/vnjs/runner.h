@@ -28,11 +28,11 @@ class RunnerCore;
 
 /// One line of a runner's log.
 struct LogLine {
-  std::string automation;  ///< RunnerOptions::name.
-  std::string module;      ///< Who speaks: "core" for scripts, "runner" for the runner itself.
-  int level = 1;           ///< 1 notes, 3 what a script has thrown, 4 code that does not compile.
-  std::string message;
-  ScriptError error;  ///< What the line tells of, where it tells of one.
+  std::string automation{};  ///< RunnerOptions::name.
+  std::string module{};      ///< Who speaks: "core" for scripts, "runner" for the runner itself.
+  int level = 1;             ///< 1 notes, 3 what a script has thrown, 4 code that does not compile.
+  std::string message{};
+  ScriptError error{};  ///< What the line tells of, where it tells of one.
 };
 
 /// kEnded: by the script's `exit()`. kFailed: its code did not run to its end, and nothing of it is left.
@@ -67,8 +67,8 @@ struct Statistics {
 
 /// What a runner is made with.
 struct RunnerOptions {
-  std::string name;        ///< In its log lines, and its thread's.
-  std::string storageDir;  ///< The root of all that scripts reach, as for Automation.
+  std::string name{};        ///< In its log lines, and its thread's.
+  std::string storageDir{};  ///< The root of all that scripts reach, as for Automation.
 
   /// @{ What its scripts may take, as for Automation::SetLimits; 0 for what holds there.
   size_t heapBytes = 0;
@@ -86,10 +86,10 @@ struct RunnerOptions {
   /// @}
 
   /// Gets each line of the log; without it, the host's vlog functions do. Any thread.
-  std::function<void(const LogLine&)> log;
+  std::function<void(const LogLine&)> log{};
 
   /// Hears of each change. On the runner's thread.
-  std::function<void(State)> onState;
+  std::function<void(State)> onState{};
 };
 
 /// One automation with a thread of its own, which sleeps until there is something to do.

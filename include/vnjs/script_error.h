@@ -20,11 +20,11 @@ enum class ErrorKind {
 /// `Error` with that message, and when the script does not catch it either, it comes back with its place.
 struct ScriptError {
   ErrorKind kind = ErrorKind::kNone;
-  std::string message;  ///< Of a thrown `Error` its message alone; the stack begins with its name.
-  std::string stack;    ///< As the engine tells it, several lines; empty where there is none.
-  std::string source;   ///< The file, or the name that the code was run under.
-  int line = 0;         ///< From 1; 0 when unknown.
-  int column = 0;       ///< From 1, in UTF-16 code units; 0 when unknown.
+  std::string message{};  ///< Of a thrown `Error` its message alone; the stack begins with its name.
+  std::string stack{};    ///< As the engine tells it, several lines; empty where there is none.
+  std::string source{};   ///< The file, or the name that the code was run under.
+  int line = 0;           ///< From 1; 0 when unknown.
+  int column = 0;         ///< From 1, in UTF-16 code units; 0 when unknown.
 
   /// Whether something went wrong.
   explicit operator bool() const { return kind != ErrorKind::kNone; }

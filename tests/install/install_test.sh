@@ -34,7 +34,7 @@ pkgconfig() { PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name vnjs.pc)") pkg-c
 read -ra flags <<<"$(pkgconfig --cflags vnjs)"
 for header in "$prefix"/include/vnjs/*.h; do
   name=vnjs/$(basename "$header")
-  cat "$prefix"/include/vnjs/{vnjs,runner}.h | grep -q "<$name>" || [[ $name =~ /(vnjs|runner|export).h$ ]] ||
+  grep -q "<$name>" "$prefix"/include/vnjs/{vnjs,runner}.h || [[ $name =~ /(vnjs|runner|export).h$ ]] ||
     fail "vnjs.h and runner.h lack $name"
   "$compiler" -std=c++17 "${other[@]}" -Wall -Wextra -Werror -fsyntax-only "${flags[@]}" -include "$name" -x c++ /dev/null
 done
@@ -60,6 +60,21 @@ said=$(LD_LIBRARY_PATH=$(dirname "$library") "${run[@]}" "$work/cmake/extension"
 lamps=$(printf 'The lamp in the %s is %s.\n' garage on hall on hall off hall on)
 [[ $said == "$lamps" ]] || fail "the example of an extension says: $said"
 
+# The plain host functions, with both packages: a host of eight lines, and one that a signal ends.
+read -ra flags <<<"$(pkgconfig --cflags --libs vnjs-host)"
+controller=$(cd "$here/../../examples/controller_host" && pwd)
+"$compiler" -std=c++17 "${other[@]}" -x c++ "$controller/main.cc" -x none -o "$work/controller" "${flags[@]}" -pthread
+cmake -G Ninja -S "$controller" -B "$work/cmake" -DCMAKE_CXX_COMPILER="$compiler" \
+  -DCMAKE_TOOLCHAIN_FILE="${toolchain:+$(cd "$here/../.." && realpath "$toolchain")}" -DVNJS_SYSROOT="$sysroot" -Dvnjs_DIR="$(dirname "$config")" --fresh \
+  >"$work/cmake.log" 2>&1 || fail "$(cat "$work/cmake.log")"
+cmake --build "$work/cmake" >"$work/cmake.log" 2>&1 || fail "$(cat "$work/cmake.log")"
+for host in controller cmake/controller_host; do
+  said=$(printf '%s\n' 'publish hall/motion {"lux": 10}' 'reload hall' 'table' 'quit' |
+    LD_LIBRARY_PATH=$(dirname "$library") "${run[@]}" "$work/$host" "$controller" 2>&1)
+  [[ $said == *'hall/state "stopped"'*'reloaded: '*heating\ \ running*'runner: hall: Stopped'* ]] ||
+    fail "the controller's host, $host, says: $said"
+done
+
 # What leaves the library; "size_t" is what it is on each machine, "long" has 64 bits, and types go with their vtables. A name that goes, or says something else, takes a new
 # major version.
 readelf -d "$library" | grep -q 'Library soname: \[libvnjs\.so\.1\]' || fail "wrong soname"
@@ -68,4 +83,4 @@ readelf -d "$library" | grep -q 'Library soname: \[libvnjs\.so\.1\]' || fail "wr
   LC_ALL=C sort -u | diff "$here/exported.txt" - || fail "other names are exported (>) than exported.txt lists (<)"
 
 "${run[@]}" "$prefix/bin/vnjs" eval '6 * 7' | grep -qx 42 || fail "the installed program does not run"
-[[ -s $prefix/share/vnjs/types/vnjs.d.ts ]] || fail "editors find no declarations"
+[[ -s $prefix/share/vnjs/types/vnjs.d.ts && -s $prefix/share/vnjs/types/runner.d.ts ]] || fail "editors find no declarations"

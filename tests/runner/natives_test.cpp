@@ -1,6 +1,8 @@
 // Functions of the host: declarations that lie, arguments that are wrong, whatever natives throw, and natives that call
 // their own runner, or end another.
 #include <atomic>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "tests/runner/runner_test.h"
@@ -105,6 +107,22 @@ TEST_F(NativesTest, ArgumentsAreWhatTheyAreDeclaredOrErrors) {
               text)
         << code;
   }
+}
+
+TEST_F(NativesTest, AreDeclaredForEditors) {
+  Runner declared({});
+  declared.Define("publish(topic, payload)", [](const std::string&, const Value&) {})
+      .Define("subscribe(topic)", [](const std::string&) {})
+      .Define("lamp.set(room, level)", [](const std::string&, double) {})
+      .Define("lamp(on)", [](bool) {})
+      .Define("lamp.group.all()", [] { return std::vector<std::map<std::string, int>>(); })
+      .Define("readMeter(id)", [](int) { return std::optional<double>(); })
+      .Define("serial(id)", [](uint64_t id) { return id; })
+      .Define("wait(first, then, last)", [](std::optional<float>, bool, std::optional<std::string>) {})
+      .Define("forecast(city)", [](const std::string&) { return Promise(); });
+  std::ifstream file(VNJS_TEST_DATA "/../types/declared.d.ts");
+  const std::string expected{std::istreambuf_iterator<char>(file), {}};
+  EXPECT_EQ(declared.Declarations(), expected);
 }
 
 TEST_F(NativesTest, WhateverTheyThrowIsTheScripts) {

@@ -1,6 +1,7 @@
 'use strict';
 // types/vnjs.d.ts: globals and members that scripts have but nobody declared or described, declared ones that are
 // missing, of another kind or refuse their arguments; declarations that let mistakes pass, and examples that do not fit them.
+// types/runner.d.ts, and declared.d.ts, which is what a host's functions are declared as: the same mistakes.
 //
 // Called as types_test.js VNJS_PROGRAM SOURCE_FOLDER.
 
@@ -40,7 +41,13 @@ const {options, fileNames} = ts.parseJsonConfigFileContent(config, ts.sys, path.
 const program = ts.createProgram([...fileNames, path.join(__dirname, 'mistakes.js')], options);
 // With the globals of a browser, which an editor takes when nobody tells it otherwise, they do not clash either.
 const inBrowser = ts.createProgram([kDeclarations], {lib: ['lib.es2022.d.ts', 'lib.dom.d.ts'], types: []});
-const errors = [...ts.getPreEmitDiagnostics(program), ...ts.getPreEmitDiagnostics(inBrowser)];
+const controller = path.join(root, 'examples/controller_host');
+const inRunner = ts.createProgram([
+  kDeclarations, path.join(root, 'types/runner.d.ts'), path.join(__dirname, 'declared.d.ts'),
+  path.join(__dirname, 'declared.js'),
+  ...fs.readdirSync(controller).filter((name) => name.endsWith('.js')).map((name) => path.join(controller, name)),
+], options);
+const errors = [program, inBrowser, inRunner].flatMap((one) => [...ts.getPreEmitDiagnostics(one)]);
 if (errors.length > 0) failures.push(ts.formatDiagnostics(errors, ts.createCompilerHost(options)));
 
 const checker = program.getTypeChecker();
