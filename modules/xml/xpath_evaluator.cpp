@@ -213,6 +213,7 @@ XPathValue XPathEvaluator::Evaluate(const XPathExpression& expression) {
 
 XPathValue XPathEvaluator::Compute(const XPathExpression& expression) {
   Spend(1);
+  RequireXPathStack();
   XPathValue result;
   switch (expression.kind) {
     case Kind::kOr:

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "bridge/stack_limit.h"
 #include "modules/xml/tree.h"
 
 namespace vnjs {
@@ -17,6 +18,8 @@ using Kind = XPathExpression::Kind;
 /// Parentheses, brackets and arguments inside of each other. Below a script there may be no more stack than 128 KB, and
 /// each takes up to 1.5 KB.
 constexpr int kDeepestNesting = 40;
+
+constexpr char kNestedTooDeeply[] = "XPath expression is nested too deeply";
 
 /// In the order of XPathStep::Axis.
 constexpr std::string_view kAxes[] = {
@@ -140,7 +143,8 @@ class Parser {
   }
 
   XPathExpressionPointer ParseExpression() {
-    if (++m_depth > kDeepestNesting) throw VornException("XPath expression is nested too deeply");
+    if (++m_depth > kDeepestNesting) throw VornException(kNestedTooDeeply);
+    RequireXPathStack();
     XPathExpressionPointer result = ParseOperators(Kind::kOr);
     --m_depth;
     return result;
@@ -420,6 +424,10 @@ class Parser {
 };
 
 }  // namespace
+
+void RequireXPathStack() {
+  if (IsStackUsedUp()) throw VornException(kNestedTooDeeply);
+}
 
 void FailXPath(xmlXPathParserContext* parser, xmlXPathError error) {
   xmlXPathErr(parser, error);

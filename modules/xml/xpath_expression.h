@@ -110,6 +110,9 @@ struct XPathFailure {};
 /// XPathFailure, with the error reported as libxml2 does, and VornException for one that is nested too deeply.
 XPathExpressionPointer ParseXPath(xmlXPathParserContext* parser);
 
+/// Throws VornException where no stack is left to go deeper into an expression.
+void RequireXPathStack();
+
 /// Reports an error of an expression as libxml2 does, and throws XPathFailure.
 [[noreturn]] void FailXPath(xmlXPathParserContext* parser, xmlXPathError error);
 
