@@ -1,9 +1,15 @@
 #include "engine/run_guard.h"
 
+#include <pthread.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <new>
 #include <utility>
 
+#include "bridge/c_resource.h"
 #include "bridge/native.h"
 #include "engine/environment_impl.h"
 #include "engine/failure.h"
@@ -29,6 +35,23 @@ size_t UsedHeap(v8::Isolate* isolate) {
   v8::HeapStatistics statistics;
   isolate->GetHeapStatistics(&statistics);
   return statistics.used_heap_size();
+}
+
+std::chrono::nanoseconds ClockTime(clockid_t clock) {
+  timespec time{};
+  if (clock_gettime(clock, &time) != 0) return {};
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+/// Whether a thread of this process has a processor or waits for one.
+bool IsRunnable(int threadId) {
+  const std::string path = "/proc/self/task/" + std::to_string(threadId) + "/stat";
+  const FilePointer file(fopen(path.c_str(), "re"));
+  char text[256] = {};
+  if (file == nullptr || fread(text, 1, sizeof text - 1, file.get()) == 0) return false;
+  // Behind the name, which can have anything in it.
+  const char* const end = strrchr(text, ')');
+  return end != nullptr && end[1] == ' ' && end[2] == 'R';
 }
 
 ScriptPosition CurrentPlace(v8::Isolate* isolate) {
@@ -71,9 +94,15 @@ void RunGuard::Begin() {
 }
 
 void RunGuard::Limit(std::chrono::nanoseconds time) {
+  thread_local const int threadId = static_cast<int>(gettid());
+  const std::chrono::nanoseconds threadTime = ClockTime(CLOCK_THREAD_CPUTIME_ID);
   const Time deadline = std::chrono::steady_clock::now() + time;
   {
     const Lock lock(this);
+    m_limit = time;
+    m_threadId = threadId;
+    m_threadTime = threadTime;
+    pthread_getcpuclockid(pthread_self(), &m_threadClock);
     // Stop may have been asked for already.
     if (m_deadline <= deadline) return;
     m_deadline = deadline;
@@ -114,9 +143,20 @@ void RunGuard::ReleaseTime() {
 RunGuard::Time RunGuard::EndOverdue() {
   const Lock lock(this);
   if (m_deadline > std::chrono::steady_clock::now()) return m_deadline;
-  m_deadline = kNever;
-  if (m_running) Stop(m_deadlineReason);
-  return kNever;
+  const std::chrono::nanoseconds owed = TimeOwed();
+  m_deadline = owed.count() > 0 ? std::chrono::steady_clock::now() + owed : kNever;
+  if (m_running && owed.count() == 0) Stop(m_deadlineReason);
+  return m_deadline;
+}
+
+/// Under the lock: how much of its limit the part has not had, because its thread got no processor. Nothing when the
+/// thread waits for something else, as in a native.
+std::chrono::nanoseconds RunGuard::TimeOwed() const {
+  constexpr std::chrono::nanoseconds kNone(0);
+  if (!m_running || m_deadlineReason != kTimeout || !IsRunnable(m_threadId)) return kNone;
+  const std::chrono::nanoseconds had = ClockTime(m_threadClock) - m_threadTime;
+  constexpr std::chrono::nanoseconds kLeast = std::chrono::milliseconds(1);
+  return had < m_limit ? std::max(kLeast, m_limit - had) : kNone;
 }
 
 void RunGuard::Settle() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <time.h>
 #include <v8.h>
 #include <vnjs/result.h>
 
@@ -28,7 +29,8 @@ class RunGuard {
   /// A part begins. Nothing that was asked for before is meant for it.
   void Begin();
 
-  /// Gives the part that has begun so long; a watchdog has to know this guard.
+  /// Gives the part that has begun, on the calling thread, so long; a watchdog has to know this guard. Time in which
+  /// the thread waits for a processor does not count: on a busy machine nothing is ended that is not slow itself.
   void Limit(std::chrono::nanoseconds time);
 
   /// @{ While a debugger has the part paused, its time stands still.
@@ -87,6 +89,7 @@ class RunGuard {
   };
 
   void Stop(Reason reason);
+  std::chrono::nanoseconds TimeOwed() const;
   void LowerHeapLimit();
   void KeepMicrotasks(bool keep);
   static void OnInterrupt(v8::Isolate* isolate, void*);
@@ -122,6 +125,12 @@ class RunGuard {
   bool m_closed = false;
   Time m_deadline = kNever;
   Reason m_deadlineReason = kTimeout;
+  std::chrono::nanoseconds m_limit{0};
+
+  /// The part's thread, and the processor time that it had taken before.
+  int m_threadId = 0;
+  clockid_t m_threadClock = 0;
+  std::chrono::nanoseconds m_threadTime{0};
   std::chrono::nanoseconds m_timeLeft{0};
 };
 

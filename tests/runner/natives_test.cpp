@@ -204,6 +204,8 @@ TEST_F(NativesTest, TheyMayEndAnyRunner) {
   EXPECT_EQ(other, nullptr);
   runner->Eval("endSelf()", "", nullptr);
   ASSERT_TRUE(WaitUntil([&] { return ended.load(); }));
+  // Its thread goes on to the end by itself.
+  ASSERT_TRUE(WaitUntil([this] { return !Lines(1).empty() && Lines(1).back().message == "Stopped"; }));
 }
 
 TEST_F(NativesTest, TheyAreDestroyedOnTheRunnersThreadBeforeStopReturns) {
