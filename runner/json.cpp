@@ -31,7 +31,7 @@ std::string LayOut(const std::string& digits, int exponent) {
     return digits[0] + fraction + 'e' + (exponent < 0 ? "" : "+") + std::to_string(exponent);
   }
   if (exponent < 0) return "0." + std::string(static_cast<size_t>(-exponent - 1), '0') + digits;
-  const auto whole = static_cast<size_t>(exponent + 1);
+  const auto whole = static_cast<size_t>(exponent) + 1;
   if (count <= exponent + 1) return digits + std::string(whole - digits.size(), '0');
   return digits.substr(0, whole) + '.' + digits.substr(whole);
 }
@@ -215,7 +215,7 @@ class Parser {
       error.column = *c == '\n' ? 1 : error.column + 1;
       if (*c == '\n') ++error.line;
     }
-    throw error;
+    throw ScriptError(error);
   }
 
   void SkipBlanks() {

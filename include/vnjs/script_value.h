@@ -159,12 +159,10 @@ Value::Value(T value) : m_type(Type::kNumber), m_number(0) {
   if constexpr (std::is_same_v<T, bool>) {
     m_type = Type::kBoolean;
     m_number = value ? 1 : 0;
-  } else if constexpr (std::is_floating_point_v<T> && sizeof(T) <= sizeof(double)) {
+  } else if constexpr (sizeof(T) < sizeof(int64_t) || std::is_same_v<T, double>) {
     m_number = static_cast<double>(value);
   } else if constexpr (std::is_floating_point_v<T>) {
     SetReal(value);
-  } else if constexpr (sizeof(T) < sizeof(int64_t)) {
-    m_number = static_cast<double>(value);
   } else if constexpr (std::is_signed_v<T>) {
     SetInteger(static_cast<int64_t>(value));
   } else {
