@@ -173,6 +173,10 @@ class EnvironmentImpl final : public Environment {
   void YieldIsolate();
 
   std::string m_storageDir;
+
+  /// Lines of the log for when there is no memory to make them.
+  const std::string m_noMemoryForResult = std::string("result: Error: ") + GetVornError(-2);
+  const std::string m_noMemoryForCallback = std::string("Callback execution error: ") + GetVornError(-2);
   EnvironmentObserver* const m_observer;
   bool m_useCurrentIsolate = false;
   bool m_incomplete = false;

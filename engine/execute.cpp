@@ -112,7 +112,7 @@ RunResult EnvironmentImpl::Execute(const PendingCode& code) {
   } catch (const std::exception&) {
     // The text of the code or of its result is larger than the memory that is left.
     result = RunResult(GetVornError(-2), true);
-    Log(3, std::string("result: Error: ") + GetVornError(-2), nullptr);
+    LogToHost(3, m_noMemoryForResult, nullptr);
   }
   entry.Settle();
   return result;

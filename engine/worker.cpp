@@ -171,7 +171,7 @@ bool EnvironmentImpl::ProcessPendingCallbacks() {
       terminated |= CallPending(callback->get_ptr());
     } catch (const std::bad_alloc&) {
       // Nor was there memory to say why it failed.
-      Log(3, std::string("Callback execution error: ") + GetVornError(-2), nullptr);
+      LogToHost(3, m_noMemoryForCallback, nullptr);
     }
     entry.Settle();
   }
