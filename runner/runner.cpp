@@ -1,5 +1,6 @@
 #include <vnjs/runner.h>
 
+#include <new>
 #include <utility>
 
 #include "runner/runner_core.h"
@@ -15,7 +16,7 @@ Runner::Runner(RunnerOptions& options, size_t size)
 Runner::~Runner() {
   if (m_core->IsOfAnotherProcess()) {
     // Its thread is not here, and its lock may be held for ever.
-    static_cast<void>(new std::shared_ptr<detail::RunnerCore>(std::move(m_core)));
+    static_cast<void>(new (std::nothrow) std::shared_ptr<detail::RunnerCore>(std::move(m_core)));
     return;
   }
   m_core->Leave();

@@ -12,7 +12,6 @@ namespace vnjs {
 using detail::ArrayPayload;
 using detail::BigIntPayload;
 using detail::FunctionPayload;
-using detail::Mismatch;
 using detail::ObjectPayload;
 using detail::Payload;
 using detail::TextPayload;

@@ -39,16 +39,16 @@ TEST_F(RunnerTest, TellsWhyItDoesNotStart) {
   EXPECT_EQ(runner->Reload(0ms).message, "The runner has not started");
   const struct {
     const char* code;
-    ErrorKind kind;
     const char* message;
+    ErrorKind kind;
     int line;
-  } kTable[] = {{"\nvar x = ;", ErrorKind::kSyntax, "Unexpected token ';'", 2},
-                {"\n\nthrow new Error('no lamp')", ErrorKind::kThrown, "no lamp", 3},
-                {"throw {toString() { throw 1 }}", ErrorKind::kThrown, "", 1},
-                {"for (;;) {}", ErrorKind::kTimeout, "Script took longer than 200 ms", 1},
-                {"Promise.resolve().then(() => { for (;;) {} })", ErrorKind::kTimeout,
-                 "Script took longer than 200 ms", 1}};
-  for (const auto& [code, kind, message, line] : kTable) {
+  } kTable[] = {{"\nvar x = ;", "Unexpected token ';'", ErrorKind::kSyntax, 2},
+                {"\n\nthrow new Error('no lamp')", "no lamp", ErrorKind::kThrown, 3},
+                {"throw {toString() { throw 1 }}", "", ErrorKind::kThrown, 1},
+                {"for (;;) {}", "Script took longer than 200 ms", ErrorKind::kTimeout, 1},
+                {"Promise.resolve().then(() => { for (;;) {} })", "Script took longer than 200 ms",
+                 ErrorKind::kTimeout, 1}};
+  for (const auto& [code, message, kind, line] : kTable) {
     const ScriptError error = runner->StartCode(code, "hall.js");
     EXPECT_EQ(error.kind, kind) << code << error.message;
     EXPECT_THAT(error.message, HasSubstr(message));
@@ -283,17 +283,18 @@ TEST_F(RunnerTest, AChildOfAForkHasNone) {
   Start("");
   const pid_t child = fork();
   if (child == 0) {
-    bool isRefused = !runner->Emit("x") && !runner->Eval("1", "", nullptr) &&
-                     runner->Reload(0ms).kind == ErrorKind::kHost &&
-                     runner->StartCode("", "").kind == ErrorKind::kHost;
+    const bool isRefused = !runner->Emit("x") && !runner->Eval("1", "", nullptr) &&
+                           runner->Reload(0ms).kind == ErrorKind::kHost &&
+                           runner->StartCode("", "").kind == ErrorKind::kHost;
     runner->Stop(1s);
     runner.reset();
+    bool isMade = false;
     try {
       Runner another({});
-      isRefused = false;
+      isMade = true;
     } catch (const VornException&) {
     }
-    _exit(isRefused ? 0 : 1);
+    _exit(isRefused && !isMade ? 0 : 1);
   }
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
