@@ -85,6 +85,13 @@ async function pauseIn(host, environment) {
   return client;
 }
 
+const kRunner = `var done = 0;
+on('work', () => {
+  ++done;
+});
+on('spin', () => { for (;;); });
+`;
+
 const testsOfBoth = {
   async busyLoop(house, host) {
     const result = house.run('var stop = false, n = 0;\nwhile (!stop) ++n;\n"ended"', 'loop.js');
@@ -239,6 +246,27 @@ const tests = {
       await until(() => threads() === before, 'no thread left');
       assert.deepEqual(await listTargets(host.port), []);
     }
+  },
+
+  /// Time in which a client has a runner's callback paused does not count against its limit; what spins is ended.
+  async runner(house, host) {
+    const folder = path.join(host.folder, 'runner');
+    assert.equal(await host.send('make_runner', 'runner', folder, kRunner), '');
+    const client = await Client.attach(host, {folder});
+    await client.breakAt('runner.js', 3);
+    await host.send('emit', 'runner', 'work');
+    await client.expectPause(' runner.js:3');
+    await pause(1000);
+    await client.resume();
+    await until(() => client.evaluate('done'), 'the rest of the callback');
+    assert.deepEqual(await host.send('figures', 'runner'), [1, 0, 0]);
+    await host.send('emit', 'runner', 'spin');
+    await until(async () => (await host.send('figures', 'runner'))[1] === 1, 'the end of what spins');
+    await host.send('emit', 'runner', 'work');
+    await client.expectPause(' runner.js:3');
+    await client.resume();
+    await until(async () => await client.evaluate('done') === 2, 'the next callback');
+    assert.deepEqual((await host.send('figures', 'runner')).slice(1), [1, 0]);
   },
 
   /// What clients have set going for ever ends with the environment, wherever it runs.

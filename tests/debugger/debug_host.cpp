@@ -1,3 +1,4 @@
+#include <vnjs/runner.h>
 #include <vnjs/vnjs.h>
 
 #include <chrono>
@@ -19,7 +20,27 @@ using Clock = std::chrono::steady_clock;
 
 std::map<std::string, std::unique_ptr<Automation>> environments;
 
+std::map<std::string, std::unique_ptr<vnjs::Runner>> runners;
+
+/// A runner whose callbacks may take a third of a second each.
+json MakeRunner(const std::string& name, const json& line) {
+  vnjs::RunnerOptions options;
+  options.name = name;
+  options.storageDir = line.at(2).get<std::string>();
+  options.callbackLimit = std::chrono::milliseconds(300);
+  auto runner = std::make_unique<vnjs::Runner>(options);
+  const vnjs::ScriptError error = runner->StartCode(line.at(3).get<std::string>().c_str(), "runner.js");
+  runners[name] = std::move(runner);
+  return error.message;
+}
+
 json Do(const std::string& command, const std::string& name, const json& line) {
+  if (command == "make_runner") return MakeRunner(name, line);
+  if (command == "emit") return runners.at(name)->Emit(line.at(2).get<std::string>());
+  if (command == "figures") {
+    const vnjs::Statistics now = runners.at(name)->GetStatistics();
+    return {now.callbacks, now.interrupted, now.failures};
+  }
   std::unique_ptr<Automation>& automation = environments[name];
   if (command == "make") {
     automation = std::make_unique<Automation>(line.at(2).get<std::string>().c_str());
@@ -56,6 +77,8 @@ int main() try {
     const json answer = Do(line.at(0), line.at(1), line);
     std::cout << answer.dump(-1, ' ', false, json::error_handler_t::replace) << std::endl;
   }
+  // They log their end, which the log of this program does not outlive.
+  runners.clear();
   return 0;
 } catch (...) {
   return 1;

@@ -3,10 +3,12 @@
 #include "tests/runner/runner_test.h"
 
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -224,6 +226,43 @@ TEST_F(RunnerTest, ReloadLosesNoEventAndDelaysNobodyElse) {
   folder.Write("hall.js", "note('repaired');");
   EXPECT_FALSE(runner->Reload(0ms));
   EXPECT_EQ(Notes().back(), "repaired");
+}
+
+TEST_F(RunnerTest, AReloadThatTakesLongDelaysNoOtherRunnerAndStopEndsIt) {
+  folder.Write("slow.js", "on('x', () => 0); onStop(() => { note('leaving'); for (;;); });");
+  ASSERT_FALSE(runner->Start((folder.path() + "slow.js").c_str()));
+  RunnerOptions options;
+  options.storageDir = folder.path();
+  Runner other(options);
+  std::atomic<int> seen{0};
+  other.Define("seen()", [&] { ++seen; });
+  ASSERT_FALSE(other.StartCode("on('x', () => seen())", "other.js"));
+  std::thread reloading([&] { static_cast<void>(runner->Reload(std::chrono::hours(1))); });
+  EXPECT_TRUE(WaitUntil([this] { return !Notes().empty(); }));
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(other.Emit("x"));
+  EXPECT_TRUE(WaitUntil([&] { return seen == 100; }));
+  EXPECT_TRUE(runner->Emit("x")) << "waits for the new script";
+  runner->Stop(0ms);
+  reloading.join();
+  EXPECT_EQ(runner->GetStatistics().state, State::kStopped);
+}
+
+TEST_F(RunnerTest, SignalsOfTheHostDisturbNothing) {
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGALRM, &action, &before);
+  itimerval often{{0, 500}, {0, 500}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  Start("var n = 0; on('x', () => { ++n; }); setInterval(() => note('tick'), 30)");
+  for (int i = 0; i < 2000; ++i) EXPECT_TRUE(runner->Emit("x"));
+  EXPECT_EQ(Eval("n").As<int>(), 2000);
+  EXPECT_TRUE(WaitUntil([this] { return Notes().size() > 3; }));
+  EXPECT_FALSE(runner->Reload(1s));
+  runner->Stop(1s);
+  often = {};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  sigaction(SIGALRM, &before, nullptr);
 }
 
 TEST_F(RunnerTest, AFullQueueRefusesAndSaysItOnce) {
