@@ -20,7 +20,7 @@ namespace {
 /// Where code is not optimised yet, the engine looks for an interrupt once per so many bytes of it, and there also
 /// decides what to optimise. By default it is 135,168 bytes, a few thousand rounds of a short loop: minutes when each
 /// round calls a slow builtin. The other figures are those decisions' own, so that code is optimised no later than
-/// before. `bench/interrupt_bench` measures both sides.
+/// before. `bench/kernels_bench` measures both sides.
 constexpr char kLookOften[] =
     "--interrupt-budget=100 --ticks-before-optimization=400 --bytecode-size-allowance-per-tick=12 "
     "--max-bytecode-size-for-early-opt=0 --baseline-batch-compilation-threshold=100000";
