@@ -18,7 +18,8 @@ namespace vnjs::bench {
 using Clock = std::chrono::steady_clock;
 
 struct Ours {
-  static void Start() {}
+  /// With as much heap as the raw side: how large it may be also says how it is collected.
+  static void Start() { Automation::SetLimits(64 << 20, 64 << 20); }
   std::string Run(const std::string& code) { return automation.Run(code.c_str(), "bench.js").result(); }
   Automation automation{"."};
 };
