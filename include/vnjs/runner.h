@@ -31,8 +31,8 @@ struct LogLine {
   std::string automation{};  ///< RunnerOptions::name.
   std::string module{};      ///< Who speaks: "core" for scripts, "runner" for the runner itself.
   int level = 1;             ///< 1 notes, 3 what a script has thrown, 4 code that does not compile.
-  std::string message{};
-  ScriptError error{};  ///< What the line tells of, where it tells of one.
+  std::string message{};     ///< Without the time and the automation's name.
+  ScriptError error{};       ///< What the line tells of, where it tells of one.
 };
 
 /// kEnded: by the script's `exit()`. kFailed: its code did not run to its end, and nothing of it is left.
@@ -41,13 +41,13 @@ enum class State { kStopped, kStarting, kRunning, kFailed, kEnded };
 /// A runner's figures. Those of memory and of timers are as of the last time that the script had nothing to do, or of the
 /// last tenth of a second when it is busy; all from `runs` on count since Start, reloads included.
 struct Statistics {
-  State state = State::kStopped;
-  size_t heapBytes = 0;    ///< The script's objects, and
-  size_t heapLimit = 0;    ///< what they may take.
-  size_t bufferBytes = 0;  ///< Buffers, trees, timers, and
-  size_t bufferLimit = 0;  ///< what they may take.
-  size_t queued = 0;       ///< Events, calls, code and posted work that wait.
-  size_t timers = 0;       ///< Timers that wait.
+  State state = State::kStopped;  ///< At the moment of asking.
+  size_t heapBytes = 0;           ///< The script's objects, and
+  size_t heapLimit = 0;           ///< what they may take.
+  size_t bufferBytes = 0;         ///< Buffers and trees, and
+  size_t bufferLimit = 0;         ///< what they may take.
+  size_t queued = 0;              ///< Events, calls, code and posted work that wait.
+  size_t timers = 0;              ///< Timers that wait.
 
   uint64_t runs = 0;       ///< Starts, and pieces of code given to Eval.
   uint64_t callbacks = 0;  ///< Events, calls of functions, and timers.
@@ -61,8 +61,8 @@ struct Statistics {
   std::chrono::microseconds delayP50{0};  ///< From queued to begun, of the last 1,000; half took longer,
   std::chrono::microseconds delayP99{0};  ///< and one in a hundred longer than this.
 
-  ScriptError lastError;
-  std::chrono::system_clock::time_point lastErrorTime;
+  ScriptError lastError;                                ///< kNone when nothing has failed since Start.
+  std::chrono::system_clock::time_point lastErrorTime;  ///< The epoch when nothing has.
 };
 
 /// What a runner is made with.
@@ -166,6 +166,7 @@ class VNJS_API Runner {
   /// has ended; with a native in it that never returns, never. Nothing to do when it has stopped.
   void Stop(std::chrono::milliseconds grace);
 
+  /// What the runner has done and what it takes. Never waits for a script.
   Statistics GetStatistics() const {
     Statistics statistics;
     FillStatistics(&statistics, sizeof statistics);

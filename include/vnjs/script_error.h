@@ -19,7 +19,7 @@ enum class ErrorKind {
 /// What went wrong, in the words of the script and of the engine. A native may throw one: for the script it is an
 /// `Error` with that message, and when the script does not catch it either, it comes back with its place.
 struct ScriptError {
-  ErrorKind kind = ErrorKind::kNone;
+  ErrorKind kind = ErrorKind::kNone;  ///< Why; kNone when all is well.
   std::string message{};  ///< Of a thrown `Error` its message alone; the stack begins with its name.
   std::string stack{};    ///< As the engine tells it, several lines; empty where there is none.
   std::string source{};   ///< The file, or the name that the code was run under.

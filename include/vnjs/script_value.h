@@ -30,6 +30,7 @@ struct ValueAccess;
 /// Failures: ScriptError, kind kHost where nothing else is said.
 class VNJS_API Value {
  public:
+  /// What a value is. Numbers that are whole and fit are kNumber, whatever they were made of.
   enum class Type {
     kUndefined,
     kNull,
@@ -53,6 +54,7 @@ class VNJS_API Value {
   Value(std::string_view text);  // NOLINT(google-explicit-constructor)
   /// @}
 
+  /// @{ A copy shares what the other has, until one of them is changed.
   Value(const Value& other) noexcept : m_type(other.m_type), m_number(0) { Share(other); }
   Value(Value&& other) noexcept : m_type(other.m_type), m_number(0) { Take(other); }
   Value& operator=(const Value& other) noexcept { return *this = Value(other); }
@@ -63,6 +65,7 @@ class VNJS_API Value {
     Take(other);
     return *this;
   }
+  /// @}
   ~Value() {
     if (HasPayload()) Release(m_payload);
   }
@@ -79,6 +82,7 @@ class VNJS_API Value {
   static Value Object();
   /// @}
 
+  /// What it is.
   Type type() const { return m_type; }
 
   /// How many elements, members or bytes an array, an object, a string or bytes have; 0 for all else.
