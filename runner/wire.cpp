@@ -64,7 +64,7 @@ class Writer {
       const auto integer = static_cast<int32_t>(number);
       Add('I');
       // Zigzag: the sign comes last.
-      AddCount(static_cast<uint32_t>(integer) << 1 ^ static_cast<uint32_t>(integer >> 31));
+      AddCount(static_cast<uint32_t>(integer) << 1 ^ (integer < 0 ? UINT32_MAX : 0));
       return true;
     }
     Add('N');

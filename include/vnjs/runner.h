@@ -107,6 +107,7 @@ struct RunnerOptions {
 class VNJS_API Runner {
  public:
   /// Nothing runs yet. Throws VornException "No script environment survives fork()" in a child of a process that had one.
+  // cppcheck-suppress passedByValue; moved from
   explicit Runner(RunnerOptions options) : Runner(options, sizeof options) {}
   Runner(const Runner&) = delete;
   Runner& operator=(const Runner&) = delete;
