@@ -170,9 +170,13 @@ xmlEntity* GetParameterEntity(void* parser, const xmlChar* name) {
 
 void IgnoreExternalSubset(void*, const xmlChar*, const xmlChar*, const xmlChar*) {}
 
+/// False when the parser was stopped, which has freed the text that it gives to callbacks.
 bool Spend(void* parser, size_t bytes) {
   Watch* const watch = WatchOf(parser);
-  if (++watch->nodes % kNodesBetweenLooks == 0 && IsInterrupted(watch->environment)) Stop(parser);
+  if (++watch->nodes % kNodesBetweenLooks == 0 && IsInterrupted(watch->environment)) {
+    Stop(parser);
+    return false;
+  }
   const bool fits = bytes <= watch->memory;
   watch->memory -= fits ? bytes : 0;
   if (!fits) Refuse(parser, "Document is too large");
