@@ -82,6 +82,7 @@ Thread::Thread(Environment* env, std::string name, Function func, void* data)
   pthread_mutex_lock(&m_startMutex);
   while (!m_started) pthread_cond_wait(&m_startCondition, &m_startMutex);
   pthread_mutex_unlock(&m_startMutex);
+  m_made = true;
 }
 
 Thread::~Thread() {
@@ -154,6 +155,7 @@ void* Thread::ThreadFuncNative(void* self) {
 
   // A short function may be done before its creator has put the new Thread into a pointer. Letting go now
   // would hand the creator a deleted object; one that has been dropped already waits for nobody.
+  while (!thread->m_made) usleep(1000);
   for (int waited = 0; thread->References() == 1 && waited < kCreatorsMs; ++waited) usleep(1000);
   thread->ReleaseRef();
   return reinterpret_cast<void*>(static_cast<intptr_t>(result));

@@ -74,6 +74,9 @@ class VNJS_API Thread : public VRefCountedObject {
   std::atomic<bool> m_detached{false};
   std::atomic<bool> m_terminating{false};
 
+  /// The constructor touches it no more.
+  std::atomic<bool> m_made{false};
+
   const std::shared_ptr<EnvironmentLink> m_link;
 
   /// Held while somebody waits for the thread's end.
