@@ -151,7 +151,7 @@ TEST_F(RunnerTest, EndsInTheMiddleOfEverything) {
       "on('y', () => note('y')); onStop(() => note('stop')); onStop(() => { for (;;) {} }); setTimeout(() => "
       "{}, 1e6)");
   EXPECT_EQ(runner->GetStatistics().timers, 1U);
-  runner->Stop(300ms);
+  runner->Stop(2s);
   EXPECT_THAT(Notes(), ElementsAre("x", "stop"));
   EXPECT_EQ(runner->GetStatistics().dropped, 10U);
   EXPECT_EQ(runner->GetStatistics().interrupted, 1U);
